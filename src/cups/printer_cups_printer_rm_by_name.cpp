@@ -1,0 +1,29 @@
+// QORAPrinterCupsRmByName: delete a queue, and with "usbprinter1" its twin.
+//
+// lpadmin exits 1 for a queue that does not exist; that counts as removed.
+// Only a run that could not happen at all (negative) is a failure.
+#include <string.h>
+
+#include "frame.hpp"
+
+namespace {
+
+int remove_queue(const char *szQueue) {
+    if (QLIBCExec("/usr/bin/lpadmin", "-x", szQueue, NULL, NULL) < 0) {
+        QP_LOG_ERR("Execute error, cmd=%s -x %s", "/usr/bin/lpadmin", szQueue);
+        return -1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+QP_EXPORT int QORAPrinterCupsRmByName(const char *szCupsPrinterName) {
+    return QP_GUARD(-1, {
+        QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szCupsPrinterName) && QP_ARG(0 != szCupsPrinterName[0]));
+
+        if (remove_queue(szCupsPrinterName) != 0) return -1;
+        if (strcmp(szCupsPrinterName, "usbprinter1") == 0 && remove_queue("usbprinter") != 0) return -1;
+        return 0;
+    });
+}
