@@ -1,0 +1,247 @@
+// QORAPrinterEnableExt: attach (iAction non-zero) and detach (iAction 0) of a
+// USB printer, called by the hot-plug handling.
+//
+// Lock order: LOCK_USBIDMAP first; QORAPrinterConfSetup takes the
+// configuration lock inside it and drops it before LOCK_USBIDMAP goes.  The
+// driver notice and the Samba share step run after LOCK_USBIDMAP has been
+// released, so a slow device never holds up another hot-plug event.
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+#include <sys/ioctl.h>
+
+#include "frame.hpp"
+#include "internal.hpp"
+#include "owners.hpp"
+#include "paths.hpp"
+#include "qorausb.h"
+
+namespace {
+
+constexpr unsigned long kLpiocPrinterEnable = 0x40005008UL;   // 'P' 8, write, no data
+constexpr unsigned long kLpiocPrinterDisable = 0x40005007UL;  // 'P' 7, write, no data
+constexpr int kLockWaitLimit = 15;
+constexpr int kStringIdSize = 4095;
+constexpr int kIdCut = 127;  // printer ID, producer and product name
+
+// Adds (iAction non-zero) or removes the usbtab line of a device.  Removal
+// goes by device name when szBusId is NULL, else by bus ID: every "lp" line
+// whose bus ID begins with szBusId (case-insensitive) goes, so 1-1 also
+// takes 1-1.2 and 1-10.  Runs under LOCK_USBIDMAP.
+int UsbtabUpdate(int iAction, const char *szDevName, const char *szBusId) {
+    if (iAction != 0) {
+        QP_CHECK_QUIET(-1, szDevName != nullptr && szBusId != nullptr && szBusId[0] != '\0');
+        if (QLIBCFileSetKeyValue(qp::path::kUsbtab, szDevName, szBusId, qp::path::kKeyValueFmt) < 0) {
+            QP_LOG_ERR("Set usbtab failed, devname=%s, device=%s", szDevName, szBusId);
+            return -1;
+        }
+        return 0;
+    }
+
+    if (szBusId == nullptr) {
+        QP_CHECK_QUIET(-1, szDevName != nullptr);
+        if (QLIBCFileRemoveKey(qp::path::kUsbtab, szDevName) < 0) {
+            QP_LOG_ERR("rm usbtab failed, key=%s", szDevName);
+            return -1;
+        }
+        return 0;
+    }
+
+    qp::Hash pairs(1024);
+    qp::List keys(1024);
+    if (!pairs || !keys) {
+        QP_SET_ERR(ERR_OUT_OF_MEMORY);
+        return -1;
+    }
+    if (QLIBCFileGetPair(qp::path::kUsbtab, pairs.addr()) < 0) return 0;
+    int nKeys = QLIBCSzHashEnumKey(pairs.get(), keys.addr());
+    if (nKeys < 0) return -1;
+
+    size_t cbBus = strlen(szBusId);
+    bool removed = false;
+    for (int i = 0; i < keys.size(); ++i) {
+        const char *key = keys.at(i);
+        if (key == nullptr || strncmp(key, "lp", 2) != 0) continue;
+        const char *value = pairs.value(key);
+        if (value == nullptr || strncasecmp(value, szBusId, cbBus) != 0) continue;
+        if (QLIBCFileRemoveKey(qp::path::kUsbtab, key) < 0) {
+            QP_LOG_ERR("rm usbtab failed, key=%s", key);
+            return removed ? 0 : -1;
+        }
+        removed = true;
+    }
+    return 0;
+}
+
+// Copies at most cut characters of src (or of its first n) into a field.
+template <size_t N>
+void set_field(char (&field)[N], const char *src, size_t n, size_t cut) {
+    if (n > cut) n = cut;
+    if (n > N - 1) n = N - 1;
+    memcpy(field, src, n);
+    field[n] = '\0';
+}
+
+template <size_t N>
+void set_field(char (&field)[N], const char *src, size_t cut) {
+    set_field(field, src, strnlen(src, cut), cut);
+}
+
+// Forms the printer's ID and writes its printer.conf section.  Runs under
+// LOCK_USBIDMAP.
+int UsbPrinterConfSetup(const char *szDevName) {
+    QP_CHECK_QUIET(-1, szDevName != nullptr && szDevName[0] != '\0');
+
+    QORAUSB_DEV_INFO info;
+    memset(&info, 0, sizeof(info));
+    if (QORAUSBDevGetInfo(szDevName, &info) < 0) {
+        QP_LOG_ERR("QORAUSBDevGetInfo failed. " QP_CODE_FMT, QLIBCErrGet());
+        return -1;
+    }
+    info.szManufacturer[sizeof(info.szManufacturer) - 1] = '\0';
+    info.szProduct[sizeof(info.szProduct) - 1] = '\0';
+    info.szSerial[sizeof(info.szSerial) - 1] = '\0';
+    info.szPrinterId[sizeof(info.szPrinterId) - 1] = '\0';
+
+    // The bus ID is no part of the ID, so the printer keeps its section when
+    // it moves to another port.
+    char szPrinterId[kIdCut + 1];
+    if (info.szPrinterId[0] != '\0') {
+        snprintf(szPrinterId, sizeof(szPrinterId), "%s", info.szPrinterId);
+    } else if (info.ulVendorId != 0 && info.ulProductId != 0 && info.szSerial[0] != '\0') {
+        snprintf(szPrinterId, sizeof(szPrinterId), "%04lx:%04lx:%s", info.ulVendorId, info.ulProductId,
+                 info.szSerial);
+    } else {
+        QP_LOG_ERR("wrong printer id format! errno=0x[%X]", QLIBCErrGet());
+        return -1;
+    }
+
+    qp::Hash stored(1024);
+    if (!stored) {
+        QP_SET_ERR(ERR_OUT_OF_MEMORY);
+        return -1;
+    }
+    QLIBCFileGetSection(qp::path::kPrinterConf, szPrinterId, stored.addr());
+
+    qp::MallocPtr<PrinterConf> conf(static_cast<PrinterConf *>(calloc(1, sizeof(PrinterConf))));
+    qp::MallocPtr<char> stringId(static_cast<char *>(calloc(1, kStringIdSize)));
+    if (!conf || !stringId) {
+        QP_SET_ERR(ERR_OUT_OF_MEMORY);
+        return -1;
+    }
+    PrinterConf &c = *conf.get();
+    set_field(c.szPrinterId, szPrinterId, kIdCut);
+
+    // Only whether a string came back matters: a cut one is still used.
+    char *sid = stringId.get();
+    QORAPrinterGetStringId(szDevName, sid, kStringIdSize);
+    if (sid[0] != '\0') {
+        set_field(c.szUsblpStringId, sid, sizeof(c.szUsblpStringId) - 1);
+        const char *model = strstr(sid, "MDL:");
+        if (model == nullptr) model = strstr(sid, "DES:");
+        if (model != nullptr) {
+            model += 4;
+            set_field(c.szProductName, model, strcspn(model, ";"), kIdCut);
+        }
+    } else {
+        QP_LOG_ERR("Bad parameter");
+    }
+    if (c.szProductName[0] == '\0' && info.szProduct[0] != '\0') set_field(c.szProductName, info.szProduct, kIdCut);
+    if (info.szManufacturer[0] != '\0') set_field(c.szProducer, info.szManufacturer, kIdCut);
+
+    // "lpr" (any case) is switched to USB/IP sharing; any other stored mode
+    // is the administrator's choice and stays.
+    const char *mode = stored.value("mode");
+    if (mode == nullptr || mode[0] == '\0' || strcasecmp(mode, "lpr") == 0) set_field(c.szMode, "usbip", kIdCut);
+
+    if (QORAPrinterConfSetup(&c, 0) < 0) {
+        QP_LOG_ERR("setup printer.conf fail! (printerid: %s)," QP_LOWER_FMT, szPrinterId, QP_LOWER_ARGS);
+        return -1;
+    }
+    return 0;
+}
+
+// Sends a driver notice.  The node may be busy or gone already; neither
+// matters to the caller.
+void notify_driver(const char *szDevName, unsigned long request) {
+    qp::UniqueFd fd(QORAPrinterDevOpen(szDevName, 0));
+    if (!fd.valid()) return;
+    int arg = 0;
+    (void)ioctl(fd.get(), request, &arg);
+}
+
+// A device name "lp" + number is limited to lp0 and lp1; a name without a
+// number after "lp" counts as 0, and other names are not limited.
+bool over_printer_limit(const char *szDevName) {
+    if (strncmp(szDevName, "lp", 2) != 0) return false;
+    return strtol(szDevName + 2, nullptr, 10) > 1;
+}
+
+const char *or_empty(const char *s) { return s ? s : ""; }
+
+}  // namespace
+
+QP_EXPORT int QORAPrinterEnableExt(int iAction, const char *szDevName, const char *szBusId) {
+    QP_CHECK_QUIET(-1, iAction == 0 || (szDevName != nullptr && szBusId != nullptr && szBusId[0] != '\0'));
+
+    if (QLIBCFileLock(LOCK_USBIDMAP | LOCK_MODE_EX_WAIT, kLockWaitLimit) != 0) {
+        QP_LOG_ERR("QLIBCFileLock() failed.");
+        QP_SET_ERR(ERR_LOCK_FAILED);
+        return -1;
+    }
+    bool held = true;
+    auto release = [&held]() {
+        if (QLIBCFileUnlock(LOCK_USBIDMAP) != 0) {
+            QP_SET_ERR(ERR_UNLOCK_FAILED);
+            QP_LOG_ERR("unlock LOCK_USBIDMAP failed");
+            return;
+        }
+        held = false;
+    };
+
+    int result = -1;
+    if (iAction != 0) {
+        if (over_printer_limit(szDevName)) {
+            QP_LOG_ERR("Exceed the max number of printers supported.");
+            result = 0;
+        } else if (UsbtabUpdate(iAction, szDevName, szBusId) < 0) {
+            QP_LOG_ERR("%s update entry %s=%s failed.(action=%d)" QP_CODE_FMT, qp::path::kUsbtab, szDevName,
+                       szBusId, iAction, QLIBCErrGet());
+        } else if (UsbPrinterConfSetup(szDevName) < 0) {
+            QP_LOG_ERR("Set Printer Conf failed" QP_CODE_FMT ", printer=%s", QLIBCErrGet(), szDevName);
+        } else {
+            release();
+            notify_driver(szDevName, kLpiocPrinterEnable);
+            if (QORAPrinterSmbConfSetup() < 0) {
+                QP_LOG_ERR("update smb.conf failed, printer=%s", szDevName);
+                result = -1;
+            } else {
+                result = 0;
+            }
+        }
+    } else if (szDevName != nullptr) {
+        // An empty bus ID would be a prefix of every bus ID: treat it as
+        // absent and remove by device name.
+        const char *bus = (szBusId != nullptr && szBusId[0] != '\0') ? szBusId : nullptr;
+        if (UsbtabUpdate(0, szDevName, bus) < 0) {
+            QP_LOG_ERR("%s update entry %s=%s failed.(action=%d)" QP_CODE_FMT, qp::path::kUsbtab, szDevName,
+                       or_empty(bus), iAction, QLIBCErrGet());
+        } else {
+            release();
+            notify_driver(szDevName, kLpiocPrinterDisable);
+            result = 0;
+        }
+    } else if (szBusId == nullptr || szBusId[0] == '\0') {
+        QP_LOG_ERR("delete printer failed: no bus id");
+    } else if (UsbtabUpdate(0, nullptr, szBusId) < 0) {
+        QP_LOG_ERR("%s update entry %s=%s failed.(action=%d)" QP_CODE_FMT, qp::path::kUsbtab, "", szBusId,
+                   iAction, QLIBCErrGet());
+    } else {
+        release();
+        result = 0;
+    }
+
+    if (held) release();
+    return result;
+}

@@ -1,0 +1,11 @@
+// QORAPrinterUsbipEject: asks the USB/IP tool to eject a shared printer.
+#include "frame.hpp"
+
+QP_EXPORT int QORAPrinterUsbipEject(const char *szPrinterId) {
+    QP_CHECK_QUIET(-1, szPrinterId != nullptr && szPrinterId[0] != '\0');
+    if (QLIBCExec("/usr/bin/bind_driver", "-z", szPrinterId, nullptr, nullptr) != 0) {
+        QP_LOG_ERR("release usb ap lock failed, printerId=%s", szPrinterId);
+        return -1;
+    }
+    return 0;
+}
