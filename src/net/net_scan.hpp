@@ -1,0 +1,78 @@
+// Readers of the network tools' output.  Each is defined in the source file
+// of the function that runs the tool; they are declared here so that tests
+// and benchmarks can feed them recorded output.  None of them is exported.
+//
+// Every reader takes the tool's output one line at a time into a 1024-byte
+// buffer (a longer line arrives in pieces, each handled as a line), trims it
+// and tests it by case-sensitive substring search unless noted.  A read that
+// fails with EINTR is told from the end of the output by setting errno to 0
+// before each read.
+#pragma once
+
+#include <stdio.h>
+
+#include <string_view>
+
+#include "qoracore.h"
+#include "qoraprinter.h"
+
+namespace qp::net {
+
+inline constexpr int kLineSize = 1024;
+
+// ---- snmpwalk: device ID string (printer_net_get_string_id.cpp) -------------
+// True when a trimmed line names a maker and a model key and holds a quoted
+// string; *value is then the text after the opening quote, less the line's
+// last character (the closing quote).
+bool string_id_value(std::string_view line, std::string_view *value);
+// Reads the walk until the first qualifying line and copies its value into
+// szOutBuf (NUL-terminated).  0 found; 1 no output at all; -1 output without
+// a qualifying line, ten interrupted reads, or a value of iOutSize bytes or
+// more (error 0xBF00 then).
+int string_id_read(FILE *walk, char *szOutBuf, int iOutSize);
+
+// ---- snmpwalk: device URI (printer_net_get_string_backend.cpp) ---------------
+enum class UriLine { kSkip, kSelect, kStop };
+// Classifies a trimmed line: kSelect with *candidate the text after its first
+// double quote when that begins with a known scheme; kStop when a line with
+// "://" has no double quote or too short a candidate; kSkip otherwise.
+UriLine uri_line(std::string_view line, std::string_view *candidate);
+// Reads the walk until a line is selected and copies its candidate less the
+// closing quote into szUri (cut to cbUri - 1).  0 selected; 1 none; -1 stop
+// or ten interrupted reads.
+int uri_read(FILE *walk, char *szUri, int cbUri);
+
+// ---- lpstat -v (printer_net_cups_name_and_ip_check.cpp) ----------------------
+// The queue name of a "device for NAME: URI" line: the text after the second
+// blank up to its first colon.  False when the line has fewer than two blanks.
+bool lpstat_queue_word(std::string_view line, std::string_view *word);
+
+// ---- ping (printer_net_ping_status.cpp) ----------------------------------------
+// For a line holding "packet loss": true when the loss figure (third comma
+// field, up to its percent sign) reads as a number other than 100.  A line
+// without a third field or without digits there gives false.
+bool ping_summary_online(std::string_view line);
+// Reads ping's output, writing "Offline" first and "Online" when the summary
+// says so.  0 done; -1 after ten interrupted reads.
+int ping_read(FILE *out, char *szStatus, int cbStatus);
+
+// ---- BJNP backend listing (printer_net_bjnp_info_get.cpp) --------------------
+// The reader of one run of the backend: 0 the address's line was found and
+// the record filled; 1 not listed (or listed as "Unknown"); -1 failure.
+int bjnp_read(FILE *pPipe, const char *szIpPattern, PrinterNetInfo *pNPInfo);
+
+// ---- avahi-browse -arpt (printer_net_avahi_info_get.cpp) ---------------------
+// TXT data of the last record of the address seen per known port, in order of
+// priority: 8611, 9100, 515, 631.
+struct AvahiSlots {
+    char txt[4][kLineSize];
+};
+// Reads the browse output into the slots.  0 at the end of the output; -1 on a
+// failed split or the tenth interrupted read.  The list receives the pieces of
+// the lines of the address.
+int avahi_read(FILE *browse, const char *szPattern, PQLIBSZLIST *ppList, AvahiSlots *slots);
+// Fills model, vendor and (when the record holds none) the device ID string
+// from one record's TXT data.  0, or -1 for a NULL argument.
+int avahi_txt_read(const char *szDesc, PrinterNetInfo *pNPInfo);
+
+}  // namespace qp::net

@@ -1,0 +1,149 @@
+// QORAPrinterNetGetStringBackend: how CUPS reaches the printer at an address,
+// from the first device URI among the string values of its private-enterprise
+// subtree (a line such as
+//   SNMPv2-SMI::enterprises.2699.1.2.1.3.1.1.4.1.1 = STRING: "ipp://10.0.0.2/ipp/print"
+// gives the backend "ipp" and the queue "ipp").
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+#include <strings.h>
+
+#include <algorithm>
+
+#include "frame.hpp"
+#include "net/net_scan.hpp"
+#include "owners.hpp"
+
+namespace qp::net {
+
+namespace {
+
+bool starts_nocase(std::string_view s, std::string_view prefix) {
+    return s.size() >= prefix.size() && strncasecmp(s.data(), prefix.data(), prefix.size()) == 0;
+}
+
+}  // namespace
+
+UriLine uri_line(std::string_view line, std::string_view *candidate) {
+    if (line.find("://") == std::string_view::npos) return UriLine::kSkip;
+    const size_t quote = line.find('"');
+    if (quote == std::string_view::npos) return UriLine::kStop;
+    const std::string_view text = line.substr(quote + 1);
+    if (text.size() < 2) return UriLine::kStop;
+    for (std::string_view prefix : {"LPR", "lpd", "ipp", "socket", "bjnp"}) {
+        if (starts_nocase(text, prefix)) {
+            *candidate = text;
+            return UriLine::kSelect;
+        }
+    }
+    return UriLine::kSkip;
+}
+
+int uri_read(FILE *walk, char *szUri, int cbUri) {
+    char line[kLineSize];
+    int interrupts = 0;
+    for (;;) {
+        errno = 0;
+        if (!fgets(line, sizeof line, walk)) {
+            if (errno == EINTR) {
+                if (++interrupts >= 10) return -1;
+                clearerr(walk);
+                continue;
+            }
+            return 1;
+        }
+        QLIBCStrTrim(line, 0, 0);
+        std::string_view candidate;
+        switch (uri_line(line, &candidate)) {
+        case UriLine::kSkip:
+            continue;
+        case UriLine::kStop:
+            return -1;
+        case UriLine::kSelect:
+            break;
+        }
+        if (cbUri <= 0) return -1;
+        // Drop the closing quote; the candidate is at least 2 characters long.
+        const size_t n = std::min(candidate.size() - 1, static_cast<size_t>(cbUri) - 1);
+        memcpy(szUri, candidate.data(), n);
+        szUri[n] = '\0';
+        return 0;
+    }
+}
+
+}  // namespace qp::net
+
+QP_EXPORT int QORAPrinterNetGetStringBackend(const char *szIP, char *szBackend, int iBackendSize, char *szQName,
+                                             int iQNameSize) {
+    QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP) && QP_ARG(((void *)0) != szBackend) && QP_ARG(NULL != szQName));
+
+    qp::Pipe walk(QLIBCPopen("/usr/bin/snmpwalk", "r", "-v", "1", "-c", "tarvel", szIP, "enterprises",
+                             static_cast<char *>(nullptr)));
+    if (!walk) {
+        QP_LOG_ERR("open failed. " QP_LOWER_FMT, QP_LOWER_ARGS);
+        errno = 0;
+        return -1;
+    }
+    const int savedErrno = errno;
+    errno = 0;
+
+    char szUri[qp::net::kLineSize] = {};
+    const int found = qp::net::uri_read(walk.get(), szUri, sizeof szUri);
+    walk.close();
+    if (found != 0) {
+        errno = savedErrno;
+        return found;
+    }
+
+    // The scheme is the text before the first colon; a URI without a colon
+    // has no remainder to take a queue name from.
+    const char *szRemainder = nullptr;
+    if (char *colon = strchr(szUri, ':')) {
+        *colon = '\0';
+        szRemainder = colon + 1;
+    }
+    const char *szScheme = szUri;
+    if (strcasecmp(szScheme, "LPR") == 0) {
+        if (iBackendSize > 0) snprintf(szBackend, static_cast<size_t>(iBackendSize), "%s", "lpd");
+    } else if (strcasecmp(szScheme, "lpd") == 0 || strcasecmp(szScheme, "ipp") == 0 ||
+               strcasecmp(szScheme, "socket") == 0 || strcasecmp(szScheme, "bjnp") == 0) {
+        if (iBackendSize > 0) QLIBCStrCaseLower(szScheme, 0, szBackend, iBackendSize);
+    } else {
+        QP_LOG_ERR("Fetch network printer protocol and queue name error." QP_LOWER_FMT, QP_LOWER_ARGS);
+        errno = savedErrno;
+        return -1;
+    }
+
+    qp::List pieces(1024);
+    if (!pieces) {
+        QP_LOG_ERR("Failed to QLIBCSzListAlloc" QP_LOWER_FMT, QP_LOWER_ARGS);
+        QP_SET_ERR(ERR_OUT_OF_MEMORY);
+        QP_LOG_ERR("Fetch network printer protocol and queue name error." QP_LOWER_FMT, QP_LOWER_ARGS);
+        errno = savedErrno;
+        return -1;
+    }
+    int split = -1;
+    if (szRemainder) {
+        split = QLIBCStrTok(szRemainder, "/", pieces.addr());
+    } else {
+        // Nothing to split: the tokeniser would refuse an absent text, and so
+        // does this query.
+        QP_SET_ERR(ERR_BAD_PARAMETER);
+    }
+    if (split < 0) {
+        QP_LOG_ERR("Failed to QLIBCStrTok" QP_LOWER_FMT, QP_LOWER_ARGS);
+        QP_LOG_ERR("Fetch network printer protocol and queue name error." QP_LOWER_FMT, QP_LOWER_ARGS);
+        errno = savedErrno;
+        return -1;
+    }
+    // Piece 0 is the host (and port); only the first path segment counts.
+    if (iQNameSize > 0) {
+        if (pieces.size() > 1) {
+            snprintf(szQName, static_cast<size_t>(iQNameSize), "%s", pieces.at(1));
+        } else {
+            szQName[0] = '\0';
+        }
+    }
+    errno = savedErrno;
+    return 0;
+}

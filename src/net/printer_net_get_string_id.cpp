@@ -1,0 +1,87 @@
+// QORAPrinterNetGetStringId: the IEEE 1284 device ID string of the printer at
+// an address, found by walking its private-enterprise subtree.
+//
+// snmpwalk prints one object per line, a string as
+//   SNMPv2-SMI::enterprises.2699.1.2.1.2.1.1.3.1 = STRING: "MFG:ACME;MDL:X1;"
+// The first line naming a maker key and a model key and holding a quoted
+// string is taken; the walk is abandoned there, so a printer with a large MIB
+// answers as soon as its device ID has gone by.
+#include <errno.h>
+#include <string.h>
+
+#include "frame.hpp"
+#include "net/net_scan.hpp"
+#include "owners.hpp"
+
+namespace qp::net {
+
+namespace {
+
+constexpr std::string_view kMarker = "STRING: \"";
+
+bool holds(std::string_view s, std::string_view what) { return s.find(what) != std::string_view::npos; }
+
+}  // namespace
+
+bool string_id_value(std::string_view line, std::string_view *value) {
+    if (line.empty()) return false;
+    if (!holds(line, "MANUFACTURER:") && !holds(line, "MFG:") && !holds(line, "MFR:")) return false;
+    if (!holds(line, "MODEL:") && !holds(line, "MDL:")) return false;
+    const size_t at = line.find(kMarker);
+    if (at == std::string_view::npos) return false;
+    const std::string_view rest = line.substr(at + kMarker.size());
+    // A line that ends right at the marker has no closing quote to drop and
+    // carries no value: it is passed over like any other line.
+    if (rest.empty()) return false;
+    *value = rest.substr(0, rest.size() - 1);
+    return true;
+}
+
+int string_id_read(FILE *walk, char *szOutBuf, int iOutSize) {
+    char line[kLineSize];
+    bool seen = false;
+    int interrupts = 0;
+    for (;;) {
+        errno = 0;
+        if (!fgets(line, sizeof line, walk)) {
+            if (errno == EINTR) {
+                if (++interrupts >= 10) return -1;
+                clearerr(walk);
+                continue;
+            }
+            // Silence means no agent answered with this community.
+            return seen ? -1 : 1;
+        }
+        seen = true;
+        QLIBCStrTrim(line, 0, 0);
+        std::string_view value;
+        if (!string_id_value(line, &value)) continue;
+        if (iOutSize <= 0 || value.size() >= static_cast<size_t>(iOutSize)) {
+            QP_SET_ERR(ERR_VALUE_TOO_LONG);
+            return -1;
+        }
+        memcpy(szOutBuf, value.data(), value.size());
+        szOutBuf[value.size()] = '\0';
+        return 0;
+    }
+}
+
+}  // namespace qp::net
+
+QP_EXPORT int QORAPrinterNetGetStringId(const char *szIP, char *szOutBuf, int iOutSize) {
+    const int savedErrno = errno;
+    QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP) && QP_ARG(((void *)0) != szOutBuf) && QP_ARG(0 < iOutSize));
+
+    memset(szOutBuf, 0, static_cast<size_t>(iOutSize));
+    qp::Pipe walk(QLIBCPopen("/usr/bin/snmpwalk", "r", "-v", "1", "-c", "tarvel", szIP, "enterprises",
+                             static_cast<char *>(nullptr)));
+    if (!walk) {
+        QP_LOG_ERR("open failed. " QP_LOWER_FMT, QP_LOWER_ARGS);
+        errno = savedErrno;
+        return -1;
+    }
+    const int result = qp::net::string_id_read(walk.get(), szOutBuf, iOutSize);
+    walk.close();
+    errno = savedErrno;
+    return result;
+}
