@@ -209,6 +209,11 @@ int main(int argc, char **argv) {
         if (realpath(b.c_str(), real)) keep.push_back(real);
     }
 
+    // Only init goes into the new namespaces: afterwards this process
+    // returns to its own, so it can still make threads and children (the
+    // leak checker of sanitizer builds does) once the namespace is gone.
+    int own_pid_ns = open("/proc/self/ns/pid", O_RDONLY | O_CLOEXEC);
+    int own_net_ns = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
     if (unshare(CLONE_NEWPID | (o.keep_net ? 0 : CLONE_NEWNET)) != 0) {
         perror("qp-sandbox: unshare (needs root)");
         return qps::kSetupFailed;
@@ -218,7 +223,13 @@ int main(int argc, char **argv) {
         perror("qp-sandbox: fork");
         return qps::kSetupFailed;
     }
-    if (init == 0) run_init(o, cwd, keep);
+    if (init == 0) {
+        close(own_pid_ns);
+        close(own_net_ns);
+        run_init(o, cwd, keep);
+    }
+    if (own_pid_ns >= 0) setns(own_pid_ns, CLONE_NEWPID), close(own_pid_ns);
+    if (own_net_ns >= 0) setns(own_net_ns, CLONE_NEWNET), close(own_net_ns);
 
     g_init_pid = init;
     struct sigaction sa = {};
