@@ -1,0 +1,95 @@
+// Helpers shared by the core library's source files (not exported).
+#pragma once
+
+#include "qoracore.h"
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+// Records a failure in the calling thread's error slot with this file and line.
+#define QC_FAIL(code) QLIBCErrSetEx((code), __FILE_NAME__, __LINE__)
+
+namespace qc {
+
+// Closes a descriptor on scope exit.
+class Fd {
+public:
+    Fd() = default;
+    explicit Fd(int fd) : fd_(fd) {}
+    Fd(const Fd &) = delete;
+    Fd &operator=(const Fd &) = delete;
+    Fd(Fd &&o) noexcept : fd_(o.release()) {}
+    Fd &operator=(Fd &&o) noexcept;
+    ~Fd();
+    int get() const { return fd_; }
+    bool ok() const { return fd_ >= 0; }
+    int release() {
+        int f = fd_;
+        fd_ = -1;
+        return f;
+    }
+    void reset(int fd = -1);
+
+private:
+    int fd_ = -1;
+};
+
+// One line of a text file: its bytes without the line end, and the line end
+// as it stood ("\n", "\r\n" or "" for a last line without one).  Writers put
+// untouched lines back from these two parts, byte for byte.
+struct Line {
+    std::string_view text;
+    std::string_view end;
+};
+std::vector<Line> split_lines(std::string_view data);
+
+// isspace() for the C locale, on bytes of any value.
+bool is_blank(unsigned char c);
+std::string_view trim(std::string_view s);
+
+// Replaces every control byte except tab (so CR and LF too) by a blank, so a
+// key or value can never start a line of its own.
+std::string neutralise(std::string_view s);
+
+// Checks that a caller's line format holds exactly two "%s" and nothing else
+// that printf would interpret ("%%" allowed).
+bool format_ok(const char *fmt);
+// printf of the two strings through a checked format.
+std::string format_line(const char *fmt, const std::string &a, const std::string &b);
+
+// Copies s into buf (size cb > 0), cut to fit, NUL-terminated; returns the copied length.
+int copy_out(std::string_view s, char *buf, int cb);
+
+// Reads a whole file.  0 on success, ENOENT when it does not exist, else errno.
+int read_whole(const char *path, std::string &out);
+int read_whole_fd(int fd, std::string &out);
+
+// Creates the directory and its parents (mode for new ones); 0 or errno.
+int make_dirs(const std::string &dir, mode_t mode);
+
+// Rewrites a file crash-safely under its sidecar lock:
+//   edit(exists, old, out) sees the current content (exists false when the
+//   file is missing) and returns <0 to fail (slot already set), 0 to leave
+//   the file as it is, >0 to replace it with `out`.
+// The result is edit's result, or -1 with the slot set when the rewrite failed.
+using EditFn = std::function<int(bool exists, const std::string &old, std::string &out)>;
+int rewrite_file(const char *path, const EditFn &edit);
+
+// Entries of a hash in the order their keys were first set.
+const std::vector<std::pair<std::string, std::string>> &hash_items(const QLIBSZHASH *hash);
+
+// The current environment minus LANG and LC_*, plus LC_ALL=C.
+std::vector<std::string> child_environment();
+
+// Spawns a program with stdin /dev/null, stderr /dev/null and stdout on
+// stdout_fd (or /dev/null when -1).  Returns the pid, or -1 (slot set).
+pid_t spawn(const char *path, const std::vector<std::string> &argv, int stdout_fd);
+// Waits for pid, retrying on EINTR; 0 and the raw status on success, else -1.
+int wait_child(pid_t pid, int &status);
+
+}  // namespace qc

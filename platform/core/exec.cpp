@@ -1,0 +1,284 @@
+// Running programs without a shell: posix_spawn (vfork semantics in glibc, so
+// a large caller is not copied), every descriptor of ours close-on-exec, the
+// child's stdin and stderr on /dev/null, a clean signal state, and a C locale
+// so that the callers' parsers see untranslated output.
+#include "core_internal.hpp"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <glob.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdarg.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <map>
+#include <mutex>
+#include <new>
+
+extern char **environ;
+
+namespace {
+
+// More arguments than any caller passes; a missing NULL terminator stops here
+// instead of running off the stack.
+constexpr int kMaxArgs = 1024;
+
+// Streams of QLIBCPopen and the children behind them.
+std::mutex g_popen_mutex;
+std::map<FILE *, pid_t> g_popen_children;
+
+// 0 for exit 0, the exit status, or negative for a child that did not exit.
+int exit_result(int status) {
+    if (WIFEXITED(status)) {
+        int code = WEXITSTATUS(status);
+        if (code != 0) QC_FAIL(ERR_EXTERNAL_FAILED);
+        return code;
+    }
+    QC_FAIL(ERR_EXTERNAL_FAILED);
+    return WIFSIGNALED(status) ? -(128 + WTERMSIG(status)) : -1;
+}
+
+int run_and_wait(const char *path, const std::vector<std::string> &argv) {
+    pid_t pid = qc::spawn(path, argv, -1);
+    if (pid < 0) return -1;
+    int status = 0;
+    if (qc::wait_child(pid, status) != 0) {
+        QC_FAIL(ERR_EXTERNAL_FAILED);
+        return -1;
+    }
+    return exit_result(status);
+}
+
+bool has_glob_chars(const char *s) { return strpbrk(s, "*?[") != nullptr; }
+
+// Expands a pattern the way a shell would for a simple word: the sorted
+// matches, or the pattern itself when nothing matches.
+void push_expanded(std::vector<std::string> &argv, const char *arg) {
+    if (!has_glob_chars(arg)) {
+        argv.emplace_back(arg);
+        return;
+    }
+    glob_t g{};
+    if (::glob(arg, 0, nullptr, &g) == 0 && g.gl_pathc > 0) {
+        for (size_t i = 0; i < g.gl_pathc; ++i) argv.emplace_back(g.gl_pathv[i]);
+    } else {
+        argv.emplace_back(arg);
+    }
+    ::globfree(&g);
+}
+
+bool path_ok(const char *path) { return path && path[0] == '/'; }
+
+}  // namespace
+
+namespace qc {
+
+std::vector<std::string> child_environment() {
+    std::vector<std::string> env;
+    for (char **e = environ; e && *e; ++e) {
+        std::string_view v = *e;
+        if (v.substr(0, 5) == "LANG=" || v.substr(0, 3) == "LC_") continue;
+        env.emplace_back(v);
+    }
+    env.emplace_back("LC_ALL=C");
+    return env;
+}
+
+pid_t spawn(const char *path, const std::vector<std::string> &argv, int stdout_fd) {
+    std::vector<std::string> env = child_environment();
+    std::vector<char *> cargv, cenv;
+    for (const auto &a : argv) cargv.push_back(const_cast<char *>(a.c_str()));
+    cargv.push_back(nullptr);
+    for (const auto &e : env) cenv.push_back(const_cast<char *>(e.c_str()));
+    cenv.push_back(nullptr);
+
+    posix_spawn_file_actions_t actions;
+    if (::posix_spawn_file_actions_init(&actions) != 0) {
+        QC_FAIL(ERR_OUT_OF_MEMORY);
+        return -1;
+    }
+    posix_spawnattr_t attr;
+    if (::posix_spawnattr_init(&attr) != 0) {
+        ::posix_spawn_file_actions_destroy(&actions);
+        QC_FAIL(ERR_OUT_OF_MEMORY);
+        return -1;
+    }
+    int rc = ::posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    if (rc == 0) {
+        rc = stdout_fd >= 0 ? ::posix_spawn_file_actions_adddup2(&actions, stdout_fd, 1)
+                            : ::posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    }
+    if (rc == 0) rc = ::posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+
+    // The child must not inherit the caller's blocked or ignored signals
+    // (an ignored SIGPIPE or SIGCHLD changes how tools behave).
+    sigset_t empty, all;
+    sigemptyset(&empty);
+    sigfillset(&all);
+    if (rc == 0) rc = ::posix_spawnattr_setsigmask(&attr, &empty);
+    if (rc == 0) rc = ::posix_spawnattr_setsigdefault(&attr, &all);
+    if (rc == 0) rc = ::posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+
+    pid_t pid = -1;
+    if (rc == 0) rc = ::posix_spawn(&pid, path, &actions, &attr, cargv.data(), cenv.data());
+    ::posix_spawnattr_destroy(&attr);
+    ::posix_spawn_file_actions_destroy(&actions);
+    if (rc != 0) {
+        QC_FAIL(ERR_EXTERNAL_FAILED);
+        return -1;
+    }
+    return pid;
+}
+
+int wait_child(pid_t pid, int &status) {
+    for (;;) {
+        pid_t r = ::waitpid(pid, &status, 0);
+        if (r == pid) return 0;
+        if (r < 0 && errno == EINTR) continue;
+        return -1;
+    }
+}
+
+}  // namespace qc
+
+extern "C" QLIBC_API int QLIBCExec(const char *szPath, const char *szArg1, const char *szArg2, const char *szArg3,
+                                   const char *szArg4) {
+    if (!path_ok(szPath)) {
+        QC_FAIL(ERR_BAD_PARAMETER);
+        return -1;
+    }
+    try {
+        std::vector<std::string> argv{szPath};
+        for (const char *a : {szArg1, szArg2, szArg3, szArg4}) {
+            if (!a) break;
+            push_expanded(argv, a);
+        }
+        return run_and_wait(szPath, argv);
+    } catch (const std::bad_alloc &) {
+        QC_FAIL(ERR_OUT_OF_MEMORY);
+        return -1;
+    }
+}
+
+extern "C" QLIBC_API int QLIBCExecl(const char *szPath, int iOptions, ...) {
+    (void)iOptions;
+    if (!path_ok(szPath)) {
+        QC_FAIL(ERR_BAD_PARAMETER);
+        return -1;
+    }
+    try {
+        std::vector<std::string> argv{szPath};
+        va_list ap;
+        va_start(ap, iOptions);
+        for (int i = 0; i < kMaxArgs; ++i) {
+            const char *a = va_arg(ap, const char *);
+            if (!a) break;
+            argv.emplace_back(a);
+        }
+        va_end(ap);
+        return run_and_wait(szPath, argv);
+    } catch (const std::bad_alloc &) {
+        QC_FAIL(ERR_OUT_OF_MEMORY);
+        return -1;
+    }
+}
+
+extern "C" QLIBC_API int QLIBCExecv(const char *szPath, char *const argv[], int iOptions) {
+    (void)iOptions;
+    if (!path_ok(szPath) || !argv || !argv[0]) {
+        QC_FAIL(ERR_BAD_PARAMETER);
+        return -1;
+    }
+    try {
+        std::vector<std::string> args;
+        for (int i = 0; argv[i] && i < kMaxArgs; ++i) args.emplace_back(argv[i]);
+        return run_and_wait(szPath, args);
+    } catch (const std::bad_alloc &) {
+        QC_FAIL(ERR_OUT_OF_MEMORY);
+        return -1;
+    }
+}
+
+extern "C" QLIBC_API FILE *QLIBCPopen(const char *szPath, const char *szMode, ...) {
+    if (!path_ok(szPath) || !szMode || strcmp(szMode, "r") != 0) {
+        QC_FAIL(ERR_BAD_PARAMETER);
+        return nullptr;
+    }
+    try {
+        std::vector<std::string> argv{szPath};
+        va_list ap;
+        va_start(ap, szMode);
+        for (int i = 0; i < kMaxArgs; ++i) {
+            const char *a = va_arg(ap, const char *);
+            if (!a) break;
+            argv.emplace_back(a);
+        }
+        va_end(ap);
+
+        int fds[2];
+        if (::pipe2(fds, O_CLOEXEC) != 0) {
+            QC_FAIL(ERR_OPEN_FAILED);
+            return nullptr;
+        }
+        qc::Fd rd{fds[0]}, wr{fds[1]};
+        pid_t pid = qc::spawn(szPath, argv, wr.get());
+        wr.reset();  // or the reader never sees the end of the output
+        if (pid < 0) {
+            QC_FAIL(ERR_OPEN_FAILED);
+            return nullptr;
+        }
+        FILE *fp = ::fdopen(rd.get(), "r");
+        if (!fp) {
+            rd.reset();
+            int status;
+            qc::wait_child(pid, status);
+            QC_FAIL(ERR_OPEN_FAILED);
+            return nullptr;
+        }
+        rd.release();
+        try {
+            std::lock_guard<std::mutex> guard(g_popen_mutex);
+            g_popen_children[fp] = pid;
+        } catch (...) {
+            ::fclose(fp);
+            int status;
+            qc::wait_child(pid, status);
+            throw;
+        }
+        return fp;
+    } catch (const std::bad_alloc &) {
+        QC_FAIL(ERR_OUT_OF_MEMORY);
+        return nullptr;
+    }
+}
+
+extern "C" QLIBC_API int QLIBCPclose(FILE *fp) {
+    if (!fp) {
+        QC_FAIL(ERR_BAD_PARAMETER);
+        return -1;
+    }
+    pid_t pid;
+    {
+        std::lock_guard<std::mutex> guard(g_popen_mutex);
+        auto it = g_popen_children.find(fp);
+        if (it == g_popen_children.end()) {
+            QC_FAIL(ERR_BAD_PARAMETER);
+            return -1;
+        }
+        pid = it->second;
+        g_popen_children.erase(it);
+    }
+    ::fclose(fp);
+    int status = 0;
+    if (qc::wait_child(pid, status) != 0) {
+        QC_FAIL(ERR_EXTERNAL_FAILED);
+        return -1;
+    }
+    // A reader that stops early closes the pipe; the child's SIGPIPE is the
+    // expected end of the conversation, not a failure of the program.
+    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGPIPE) return 0;
+    return exit_result(status);
+}
