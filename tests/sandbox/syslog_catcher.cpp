@@ -44,14 +44,17 @@ std::string syslog_line(std::string_view d) {
     }
     if (is_timestamp(d)) {
         d.remove_prefix(16);
-        // The tag ("prog" or "prog[pid]") ends at the first ": "; a blank
-        // before that means the sender gave no tag.
-        for (size_t i = 0; i < d.size(); ++i) {
-            if (d[i] == ' ') break;
-            if (d[i] == ':' && i + 1 < d.size() && d[i + 1] == ' ') {
-                d.remove_prefix(i + 2);
-                break;
-            }
+        // The tag ("prog" or "prog[pid]") ends at the first ": ".  A blank
+        // before that means the sender gave no tag, unless it ends in
+        // "[pid]" (an ident with blanks, opened with LOG_PID).
+        size_t colon = d.find(": ");
+        if (colon != std::string_view::npos) {
+            std::string_view tag = d.substr(0, colon);
+            bool plain = tag.find(' ') == std::string_view::npos;
+            size_t open = tag.rfind('[');
+            bool with_pid = open != std::string_view::npos && open + 2 < tag.size() && tag.back() == ']' &&
+                            tag.find_first_not_of("0123456789", open + 1) == tag.size() - 1;
+            if (plain || with_pid) d.remove_prefix(colon + 2);
         }
     }
     if (!d.empty() && d.back() == '\n') d.remove_suffix(1);
