@@ -21,7 +21,7 @@
 
 namespace {
 
-constexpr int kMaxPasses = 10;
+constexpr int kMaxPasses = 5;
 
 }  // namespace
 

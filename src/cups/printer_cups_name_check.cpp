@@ -38,16 +38,6 @@ int scan_listing(FILE *pPipe, const char *szPrinterId, const char *szCupsPrinter
     return answer;
 }
 
-// Reads what the program still writes, so that closing the pipe early does
-// not kill lpstat with SIGPIPE and turn a decided answer into a failure.
-void drain(FILE *pPipe) {
-    const int saved_errno = errno;
-    char sink[4096];
-    while (fread(sink, 1, sizeof sink, pPipe) > 0) {
-    }
-    errno = saved_errno;
-}
-
 }  // namespace
 
 QP_EXPORT int QORAPrinterCupsNameCheck(const char *szPrinterId, const char *szCupsPrinterName) {
@@ -65,7 +55,6 @@ QP_EXPORT int QORAPrinterCupsNameCheck(const char *szPrinterId, const char *szCu
             qp::Pipe pipe(QLIBCPopen("/usr/bin/lpstat", "r", "-v", (char *)NULL));
             if (!pipe) continue;  // could not start: no pause
             int answer = scan_listing(pipe.get(), szPrinterId, szCupsPrinterName);
-            if (answer >= 0) drain(pipe.get());
             int closed = pipe.close();
             if (answer >= 0 && closed >= 0) return answer;
             sleep(1);

@@ -1,0 +1,662 @@
+// CUPS queues against the real scheduler: what lpstat, lpq, printers.conf
+// and the PPD directory show afterwards, the exact argument vectors (seen
+// through recording copies of the tools) and the messages and error codes.
+#include <grp.h>
+#include <sched.h>
+#include <string.h>
+#include <syslog.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "cupsd_fixture.hpp"
+#include "internal.hpp"
+#include "qoraprinter.h"
+#include "qp_test.hpp"
+#include "recorder.hpp"
+
+using qpcups::Argv;
+using qpcups::Cupsd;
+using qpcups::Recorder;
+
+namespace {
+
+constexpr const char *kConf = "/usr/qora/etc/printer.conf";
+const std::string kId1 = "04a9:1827:AAA111";
+const std::string kId2 = "04a9:1827:BBB222";
+const std::string kId3 = "04a9:1827:CCC333";
+
+Cupsd *g_cupsd = nullptr;
+
+class CupsEnv : public ::testing::Environment {
+public:
+    void SetUp() override {
+        ASSERT_TRUE(qpt::in_sandbox()) << "run inside qp-sandbox";
+        g_cupsd = new Cupsd;
+        ASSERT_TRUE(g_cupsd->start());
+    }
+    void TearDown() override {
+        delete g_cupsd;
+        g_cupsd = nullptr;
+    }
+};
+const auto *const kEnv = ::testing::AddGlobalTestEnvironment(new CupsEnv);
+
+std::string usb_uri(const std::string &id) { return "usb:/dev/usb/" + id; }
+
+std::string host_name() {
+    char h[64] = {0};
+    gethostname(h, sizeof h);
+    return h;
+}
+
+std::string stored_name(const std::string &id) {
+    char buf[64] = {0};
+    return QORAPrinterCupsNameGet(id.c_str(), buf, sizeof buf) == 0 ? buf : "";
+}
+
+double seconds_since(std::chrono::steady_clock::time_point t0) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+}
+
+class CupsTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(g_cupsd->start());
+        Cupsd::remove_all_queues();
+        for (const auto &id : {kId1, kId2, kId3}) unlink(("/etc/cups/ppd/" + id + ".ppd").c_str());
+        // Sections for the USB printers; the queue name is written into them.
+        qpt::write_file(kConf, "[" + kId1 + "]\n\tproducer = Acme\n[" + kId2 + "]\n\tproducer = Acme\n[" + kId3 +
+                                   "]\n\tproducer = Acme\n");
+        log_.reset();
+    }
+    void TearDown() override {
+        if (HasFailure()) fprintf(stderr, "syslog:\n%s", log_.dump().c_str());
+    }
+    void expect_code(unsigned code, const char *file) {
+        EXPECT_EQ(QLIBCErrGet(), code);
+        EXPECT_STREQ(QLIBCErrorGetFile(), file);
+    }
+    qpt::LogCapture log_;
+};
+
+// ---- lookup -------------------------------------------------------------------
+
+TEST_F(CupsTest, NameCheckRefusesBadArgumentsAndTreatsStoppedServiceAsNoQueue) {
+    struct {
+        const char *id, *name, *check;
+    } cases[] = {{nullptr, "q", "((void *)0) != szPrinterId"},
+                 {"", "q", "0 != szPrinterId[0]"},
+                 {"id", nullptr, "((void *)0) != szCupsPrinterName"},
+                 {"", nullptr, "0 != szPrinterId[0]"},
+                 {"id", "", "0 != szCupsPrinterName[0]"}};
+    for (const auto &c : cases) {
+        log_.reset();
+        EXPECT_EQ(QORAPrinterCupsNameCheck(c.id, c.name), -1) << c.check;
+        expect_code(ERR_BAD_PARAMETER, "printer_cups_name_check.cpp");
+        auto lines = log_.lines();
+        ASSERT_EQ(lines.size(), 1u) << c.check;
+        EXPECT_NE(lines[0].text.find(std::string("Invaild Argument (") + c.check + ")=[0]"), std::string::npos);
+    }
+
+    Recorder lpstat("/usr/bin/lpstat");
+    g_cupsd->stop();
+    log_.reset();
+    EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter1"), 0);
+    EXPECT_EQ(log_.count(LOG_ERR, "cupsd is not running."), 1u);
+    EXPECT_TRUE(lpstat.runs().empty());
+}
+
+TEST_F(CupsTest, NameCheckIsDecidedByTheFirstListingLineHoldingTheName) {
+    ASSERT_TRUE(Cupsd::add_queue("usbprinter1", usb_uri(kId1)));
+    ASSERT_TRUE(Cupsd::add_queue("usbprinter10", usb_uri(kId3)));
+    ASSERT_TRUE(Cupsd::add_queue("usbprinter2", usb_uri("04a9:1827:zeta9")));
+    ASSERT_TRUE(Cupsd::add_queue("zeta", "socket://10.0.0.9/"));
+
+    EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter1"), 1);
+    EXPECT_EQ(QORAPrinterCupsNameCheck(kId2.c_str(), "usbprinter1"), 2);
+    // usbprinter10's own printer is judged by usbprinter1's line first.
+    EXPECT_EQ(QORAPrinterCupsNameCheck(kId3.c_str(), "usbprinter1"), 2);
+    EXPECT_EQ(QORAPrinterCupsNameCheck(kId3.c_str(), "usbprinter10"), 1);
+    EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter"), 1);
+    EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter3"), 0);
+    // "zeta" first occurs inside usbprinter2's device URI.
+    EXPECT_EQ(QORAPrinterCupsNameCheck("04a9:1827:zeta9", "zeta"), 1);
+    EXPECT_EQ(QORAPrinterCupsNameCheck("10.0.0.9-zeta", "zeta"), 2);
+    EXPECT_TRUE(log_.lines().empty());
+}
+
+TEST_F(CupsTest, NameCheckReadsLongLinesInPiecesAndRetriesAFailedListing) {
+    Recorder lpstat("/usr/bin/lpstat");
+    // Lines of more than 1023 characters arrive as separate pieces.
+    lpstat.play("device for other: usb:/dev/usb/" + std::string(1100, 'x') + " usbprinter1 04a9:1827:LONG\n" +
+                "device for usbprinter2: usb:/dev/usb/" + std::string(1100, 'y') + "04a9:1827:FAR\n");
+    EXPECT_EQ(QORAPrinterCupsNameCheck("04a9:1827:LONG", "usbprinter1"), 1);
+    EXPECT_EQ(QORAPrinterCupsNameCheck("04a9:1827:FAR", "usbprinter2"), 2);
+
+    // A listing whose program dies is taken again, 3 times, 1 s apart.
+    lpstat.forget();
+    lpstat.fail_next(3, -9);
+    EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter1"), -1);
+    expect_code(ERR_EXTERNAL_FAILED, "printer_cups_name_check.cpp");
+    EXPECT_EQ(lpstat.runs().size(), 3u);
+    lpstat.fail_next(1, -9);
+    EXPECT_EQ(QORAPrinterCupsNameCheck("04a9:1827:LONG", "usbprinter1"), 1);
+    EXPECT_TRUE(log_.lines().empty());
+
+    // A listing that cannot be started at all: three tries without pause.
+    unlink("/usr/bin/lpstat");
+    auto t0 = std::chrono::steady_clock::now();
+    EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter1"), -1);
+    EXPECT_LT(seconds_since(t0), 2.0);
+    expect_code(ERR_EXTERNAL_FAILED, "printer_cups_name_check.cpp");
+}
+
+// ---- enable and disable -----------------------------------------------------------
+
+TEST_F(CupsTest, EnableSwitchesUsbprinter1WithItsTwin) {
+    for (const char *q : {"usbprinter1", "usbprinter", "usbprinter2"}) ASSERT_TRUE(Cupsd::add_queue(q, usb_uri(kId1)));
+    Recorder disable("/usr/bin/cupsdisable", "/usr/sbin/cupsdisable");
+
+    EXPECT_EQ(QORAPrinterCupsPrinterEnable("UsbPrinter1", 0), 0);
+    EXPECT_EQ(disable.runs(), (std::vector<Argv>{{"/usr/bin/cupsdisable", "UsbPrinter1"},
+                                                 {"/usr/bin/cupsdisable", "usbprinter"}}));
+    EXPECT_TRUE(Cupsd::is_stopped("usbprinter1"));
+    EXPECT_TRUE(Cupsd::is_stopped("usbprinter"));
+    EXPECT_FALSE(Cupsd::is_stopped("usbprinter2"));
+
+    disable.forget();
+    EXPECT_EQ(QORAPrinterCupsPrinterEnable("usbprinter2", 0), 0);
+    EXPECT_EQ(QORAPrinterCupsPrinterEnable("usbprinter", 0), 0);
+    EXPECT_EQ(disable.runs(),
+              (std::vector<Argv>{{"/usr/bin/cupsdisable", "usbprinter2"}, {"/usr/bin/cupsdisable", "usbprinter"}}));
+
+    EXPECT_EQ(QORAPrinterCupsPrinterEnable("usbprinter1", 1), 0);
+    EXPECT_FALSE(Cupsd::is_stopped("usbprinter1"));
+    EXPECT_FALSE(Cupsd::is_stopped("usbprinter"));
+    EXPECT_TRUE(log_.lines().empty());
+
+    // The twin's failure is reported after usbprinter1 was switched.
+    Cupsd::remove_all_queues();
+    ASSERT_TRUE(Cupsd::add_queue("usbprinter1", usb_uri(kId1)));
+    disable.forget();
+    EXPECT_EQ(QORAPrinterCupsPrinterEnable("usbprinter1", 0), -1);
+    EXPECT_TRUE(Cupsd::is_stopped("usbprinter1"));
+    EXPECT_EQ(log_.count(LOG_ERR, "run cmd failed, cmd=[/usr/bin/cupsdisable usbprinter], ret=1"), 1u);
+
+    // A name with blanks is one argument; a long one is cut to 127 characters.
+    disable.forget();
+    EXPECT_EQ(QORAPrinterCupsPrinterEnable("no such queue", 0), -1);
+    EXPECT_EQ(QORAPrinterCupsPrinterEnable(std::string(200, 'q').c_str(), 0), -1);
+    EXPECT_EQ(disable.runs(), (std::vector<Argv>{{"/usr/bin/cupsdisable", "no such queue"},
+                                                 {"/usr/bin/cupsdisable", std::string(127, 'q')}}));
+
+    log_.reset();
+    EXPECT_EQ(QORAPrinterCupsPrinterEnable(nullptr, 1), -1);
+    EXPECT_EQ(QORAPrinterCupsPrinterEnable("", 1), -1);
+    expect_code(ERR_BAD_PARAMETER, "printer_cups_printer_enable.cpp");
+    EXPECT_TRUE(log_.lines().empty());
+}
+
+// ---- PPD files ------------------------------------------------------------------------
+
+TEST_F(CupsTest, GetPpdReturnsTheWholeFileOrNullWithTheReason) {
+    const std::string real = qpt::read_file(qpcups::kPpdGeneric);
+    ASSERT_FALSE(real.empty());
+    qpt::write_file("/etc/cups/ppd/model.ppd", real);
+    qpt::write_file("/etc/cups/ppd/tail.ppd", "*PPD-Adobe: \"4.3\"\n*Last: \"no newline\"");
+    qpt::write_file("/etc/cups/ppd/empty.ppd", "");
+    qpt::write_file("/etc/cups/ppd/.ppd", "unnamed\n");
+    qpt::mkdirs("/etc/cups/ppd/dir.ppd");
+
+    char *text = QORACupsGetPPD("model");
+    ASSERT_NE(text, nullptr);
+    EXPECT_EQ(std::string(text), real);
+    free(text);
+    text = QORACupsGetPPD("tail");
+    ASSERT_NE(text, nullptr);
+    EXPECT_STREQ(text, "*PPD-Adobe: \"4.3\"\n*Last: \"no newline\"");
+    free(text);
+    text = QORACupsGetPPD("");
+    ASSERT_NE(text, nullptr);
+    EXPECT_STREQ(text, "unnamed\n");
+    free(text);
+
+    EXPECT_EQ(QORACupsGetPPD("empty"), nullptr);
+    EXPECT_EQ(QORACupsGetPPD("missing"), nullptr);
+    expect_code(ERR_OPEN_FAILED, "printer_cups_get_ppd.cpp");
+    EXPECT_EQ(QORACupsGetPPD("dir"), nullptr);
+    expect_code(ERR_READ_FAILED, "printer_cups_get_ppd.cpp");
+    EXPECT_EQ(QORACupsGetPPD(nullptr), nullptr);
+    expect_code(ERR_BAD_PARAMETER, "printer_cups_get_ppd.cpp");
+    EXPECT_TRUE(log_.lines().empty());
+}
+
+TEST_F(CupsTest, PpdCopyCreatesTheDirectoryAndReplacesAnOldCopy) {
+    qpt::run({"/bin/rm", "-rf", "/etc/cups/ppd"});
+    qpt::write_file("/tmp/my ppds/office laser.ppd", qpt::read_file(qpcups::kPpdGeneric));
+    EXPECT_EQ(printer_backup_ppd("/tmp/my ppds/office laser.ppd", kId1.c_str()), 0);
+    EXPECT_EQ(qpt::read_file("/etc/cups/ppd/" + kId1 + ".ppd"), qpt::read_file(qpcups::kPpdGeneric));
+    EXPECT_EQ(printer_backup_ppd(qpcups::kPpdPxlMono, kId1.c_str()), 0);
+    EXPECT_EQ(qpt::read_file("/etc/cups/ppd/" + kId1 + ".ppd"), qpt::read_file(qpcups::kPpdPxlMono));
+
+    EXPECT_EQ(printer_backup_ppd("/nope.ppd", kId1.c_str()), -1);
+    expect_code(ERR_EXTERNAL_FAILED, "printer_backup_ppd.cpp");
+    EXPECT_EQ(log_.count(LOG_ERR, ("cp -f /nope.ppd /etc/cups/ppd/" + kId1 + ".ppd failed").c_str()), 1u);
+    EXPECT_EQ(qpt::read_file("/etc/cups/ppd/" + kId1 + ".ppd"), qpt::read_file(qpcups::kPpdPxlMono));
+
+    log_.reset();
+    EXPECT_EQ(printer_backup_ppd(qpcups::kPpdPxlMono, ""), -1);
+    EXPECT_EQ(log_.count("Invaild Argument (0 != szPrinterId[0])=[0]"), 1u);
+}
+
+// ---- USB queue creation -----------------------------------------------------------------
+
+TEST_F(CupsTest, AddGivesUsbprinter1ThenUsbprinter2AndRefusesAThird) {
+    Recorder lpadmin("/usr/bin/lpadmin", "/usr/sbin/lpadmin");
+    Recorder disable("/usr/bin/cupsdisable", "/usr/sbin/cupsdisable");
+    const std::string host = host_name();
+    ASSERT_FALSE(host.empty());
+
+    ASSERT_EQ(QORAPrinterCupsAdd(kId1.c_str(), nullptr), 0);
+    Argv first = {"/usr/bin/lpadmin", "-p", "usbprinter1", "-E", "-v", usb_uri(kId1), "-L", host};
+    Argv twin = first;
+    twin[2] = "usbprinter";
+    EXPECT_EQ(lpadmin.runs(), (std::vector<Argv>{first, twin}));
+    // Stopping usbprinter1 also stops its twin, which does not exist yet.
+    EXPECT_EQ(disable.runs(), (std::vector<Argv>{{"/usr/bin/cupsdisable", "usbprinter1"},
+                                                 {"/usr/bin/cupsdisable", "usbprinter"},
+                                                 {"/usr/bin/cupsdisable", "usbprinter"}}));
+    EXPECT_EQ(log_.count(("disable printer=" + kId1 + " failed").c_str()), 1u);
+    EXPECT_EQ(log_.count("add cups printer=usbprinter1, ok"), 1u);
+    EXPECT_EQ(log_.count("add cups printer=usbprinter, ok"), 1u);
+    EXPECT_EQ(Cupsd::uri_of("usbprinter1"), usb_uri(kId1));
+    EXPECT_EQ(Cupsd::uri_of("usbprinter"), usb_uri(kId1));
+    EXPECT_TRUE(Cupsd::is_stopped("usbprinter1"));
+    EXPECT_TRUE(Cupsd::is_stopped("usbprinter"));
+    EXPECT_EQ(stored_name(kId1), "usbprinter1");
+
+    // The second printer, with a PPD whose path holds blanks: no twin, the
+    // PPD goes to lpadmin and is kept under the printer ID.
+    const std::string ppd = "/tmp/my ppds/office laser.ppd";
+    qpt::write_file(ppd, qpt::read_file(qpcups::kPpdGeneric));
+    lpadmin.forget();
+    ASSERT_EQ(QORAPrinterCupsAdd(kId2.c_str(), ppd.c_str()), 0);
+    EXPECT_EQ(lpadmin.runs(), (std::vector<Argv>{{"/usr/bin/lpadmin", "-p", "usbprinter2", "-E", "-v", usb_uri(kId2),
+                                                  "-L", host, "-P", ppd}}));
+    EXPECT_EQ(qpt::read_file("/etc/cups/ppd/" + kId2 + ".ppd"), qpt::read_file(ppd));
+    EXPECT_TRUE(qpt::exists("/etc/cups/ppd/usbprinter2.ppd"));
+    EXPECT_TRUE(Cupsd::is_stopped("usbprinter2"));
+    EXPECT_EQ(stored_name(kId2), "usbprinter2");
+
+    // Both names taken: nothing changes.
+    const std::string conf = qpt::read_file(kConf);
+    lpadmin.forget();
+    log_.reset();
+    EXPECT_EQ(QORAPrinterCupsAdd(kId3.c_str(), nullptr), -1);
+    EXPECT_EQ(log_.count(("cannot find cups printer name, printer=" + kId3).c_str()), 1u);
+    EXPECT_TRUE(lpadmin.runs().empty());
+    EXPECT_EQ(qpt::read_file(kConf), conf);
+
+    // Re-created without a PPD, the second printer keeps its name and its kept PPD.
+    ASSERT_EQ(qpt::run({"/usr/sbin/lpadmin", "-x", "usbprinter2"}).status, 0);
+    ASSERT_EQ(QORAPrinterCupsAdd(kId2.c_str(), ""), 0);
+    EXPECT_EQ(lpadmin.runs(), (std::vector<Argv>{{"/usr/bin/lpadmin", "-p", "usbprinter2", "-E", "-v", usb_uri(kId2),
+                                                  "-L", host, "-P", "/etc/cups/ppd/" + kId2 + ".ppd"}}));
+    EXPECT_EQ(Cupsd::uri_of("usbprinter2"), usb_uri(kId2));
+}
+
+TEST_F(CupsTest, AddKeepsAValidStoredNameAndReplacesOneThatMovedAway) {
+    // Stored usbprinter2 still on this printer's device: kept though usbprinter1 is free.
+    ASSERT_TRUE(Cupsd::add_queue("usbprinter2", usb_uri(kId1)));
+    ASSERT_EQ(QLIBCFileSetSectionValue(kConf, kId1.c_str(), "cups printer name", "usbprinter2"), 0);
+    ASSERT_EQ(QORAPrinterCupsAdd(kId1.c_str(), nullptr), 0);
+    EXPECT_EQ(stored_name(kId1), "usbprinter2");
+    EXPECT_FALSE(Cupsd::has_queue("usbprinter1"));
+
+    // Stored usbprinter2 now on another device; usbprinter10 makes
+    // usbprinter1 look taken, so no name is left.
+    ASSERT_TRUE(Cupsd::add_queue("usbprinter10", usb_uri(kId3)));
+    ASSERT_EQ(QLIBCFileSetSectionValue(kConf, kId2.c_str(), "cups printer name", "usbprinter2"), 0);
+    EXPECT_EQ(QORAPrinterCupsAdd(kId2.c_str(), nullptr), -1);
+    EXPECT_EQ(Cupsd::uri_of("usbprinter2"), usb_uri(kId1));
+
+    // With usbprinter2 gone, the moved name is replaced by the free one.
+    ASSERT_EQ(qpt::run({"/usr/sbin/lpadmin", "-x", "usbprinter2"}).status, 0);
+    ASSERT_TRUE(Cupsd::add_queue("usbprinter1", usb_uri(kId3)));
+    ASSERT_EQ(QLIBCFileSetSectionValue(kConf, kId2.c_str(), "cups printer name", "usbprinter1"), 0);
+    ASSERT_EQ(QORAPrinterCupsAdd(kId2.c_str(), nullptr), 0);
+    EXPECT_EQ(stored_name(kId2), "usbprinter2");
+    EXPECT_EQ(Cupsd::uri_of("usbprinter2"), usb_uri(kId2));
+    EXPECT_EQ(Cupsd::uri_of("usbprinter1"), usb_uri(kId3));
+}
+
+TEST_F(CupsTest, AddRetriesLpadminAndFailsOnBadPpdPaths) {
+    Recorder lpadmin("/usr/bin/lpadmin", "/usr/sbin/lpadmin");
+    lpadmin.fail_next(2, 1);
+    ASSERT_EQ(QORAPrinterCupsAdd(kId1.c_str(), nullptr), 0);
+    EXPECT_EQ(lpadmin.runs().size(), 4u);  // usbprinter1 three times, its twin once
+    EXPECT_EQ(log_.count("add cups printer=usbprinter1, retry(2) ... /usr/bin/lpadmin [1]"), 1u);
+    EXPECT_EQ(log_.count("add cups printer=usbprinter1, retry(1) ... /usr/bin/lpadmin [1]"), 1u);
+    EXPECT_EQ(log_.count("retry("), 2u);
+    EXPECT_TRUE(Cupsd::has_queue("usbprinter"));
+
+    // A missing PPD stops the call after the name was stored.
+    lpadmin.forget();
+    log_.reset();
+    EXPECT_EQ(QORAPrinterCupsAdd(kId2.c_str(), "/tmp/none.ppd"), -1);
+    EXPECT_EQ(log_.count("add cups printer, ppd file does not exist,path=/tmp/none.ppd"), 1u);
+    EXPECT_TRUE(lpadmin.runs().empty());
+    EXPECT_EQ(stored_name(kId2), "usbprinter2");
+
+    // A directory cannot be copied nor used: three failed runs, then -1.
+    qpt::mkdirs("/tmp/ppd.dir");
+    log_.reset();
+    EXPECT_EQ(QORAPrinterCupsAdd(kId2.c_str(), "/tmp/ppd.dir"), -1);
+    EXPECT_EQ(log_.count("Failed to backup ppd file: /tmp/ppd.dir[0x2A00 printer_backup_ppd.cpp:"), 1u);
+    for (int left : {2, 1, 0})
+        EXPECT_EQ(log_.count(("add cups printer=usbprinter2, retry(" + std::to_string(left) + ") ...").c_str()), 1u);
+    EXPECT_EQ(lpadmin.runs().size(), 3u);
+    EXPECT_FALSE(Cupsd::has_queue("usbprinter2"));
+}
+
+TEST_F(CupsTest, AddStartsTheServiceAndChecksTheIdAfterwards) {
+    // Stopped, then slow to start: the call waits for it.
+    g_cupsd->stop();
+    {
+        Recorder cupsd("/usr/sbin/cupsd");
+        cupsd.delay_ms(700);
+        ASSERT_EQ(QORAPrinterCupsAdd(kId1.c_str(), nullptr), 0);
+        EXPECT_EQ(cupsd.runs(), (std::vector<Argv>{{"/usr/sbin/cupsd"}}));
+    }
+    EXPECT_GT(Cupsd::find_pid(), 0);
+    EXPECT_TRUE(Cupsd::has_queue("usbprinter1"));
+
+    // Failing to start.
+    g_cupsd->stop();
+    {
+        Recorder cupsd("/usr/sbin/cupsd");
+        cupsd.fail_next(1, 1);
+        log_.reset();
+        EXPECT_EQ(QORAPrinterCupsAdd(kId1.c_str(), nullptr), -1);
+        EXPECT_EQ(log_.count(LOG_ERR, "start cupsd failed. [0x2A00 "), 1u);
+    }
+
+    // An empty ID is refused only once the service runs.
+    log_.reset();
+    EXPECT_EQ(QORAPrinterCupsAdd("", nullptr), -1);
+    expect_code(ERR_BAD_PARAMETER, "printer_cups_printer_add.cpp");
+    auto lines = log_.lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_NE(lines[0].text.find("Invaild Argument (0 != szPrinterId[0])=[0]"), std::string::npos);
+    EXPECT_NE(lines[1].text.find("cannot find cups printer name, printer="), std::string::npos);
+    EXPECT_GT(Cupsd::find_pid(), 0);
+
+    log_.reset();
+    EXPECT_EQ(QORAPrinterCupsAdd(nullptr, nullptr), -1);
+    expect_code(ERR_BAD_PARAMETER, "printer_cups_printer_add.cpp");
+    EXPECT_TRUE(log_.lines().empty());
+}
+
+TEST_F(CupsTest, AddWithoutHostNamePutsThePpdRightAfterTheUri) {
+    Recorder lpadmin("/usr/bin/lpadmin", "/usr/sbin/lpadmin");
+    const std::string host = host_name();
+    ASSERT_EQ(unshare(CLONE_NEWUTS), 0);
+    ASSERT_EQ(sethostname("", 0), 0);
+    int rc = QORAPrinterCupsAdd(kId2.c_str(), qpcups::kPpdPxlMono);
+    ASSERT_EQ(sethostname(host.c_str(), host.size()), 0);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(lpadmin.runs(), (std::vector<Argv>{{"/usr/bin/lpadmin", "-p", "usbprinter1", "-E", "-v", usb_uri(kId2),
+                                                  "-P", qpcups::kPpdPxlMono},
+                                                 {"/usr/bin/lpadmin", "-p", "usbprinter", "-E", "-v", usb_uri(kId2)}}));
+    EXPECT_TRUE(qpt::exists("/etc/cups/ppd/usbprinter1.ppd"));
+    EXPECT_FALSE(qpt::exists("/etc/cups/ppd/usbprinter.ppd"));
+}
+
+// ---- network queue creation -----------------------------------------------------------------
+
+TEST_F(CupsTest, NetAddBuildsTheUriFromTheRecordAndKeepsThePpdByPrinterId) {
+    Recorder lpadmin("/usr/bin/lpadmin", "/usr/sbin/lpadmin");
+    PrinterNetConf conf = {};
+    strcpy(conf.szIP, "192.168.1.20");
+    strcpy(conf.szCupsPrinterName, "lab");
+    strcpy(conf.szBackend, "ipp");
+    strcpy(conf.szQName, "printers/lab");
+    strcpy(conf.szPrinterId, "192.168.1.20-lab");
+    const std::string host = host_name();
+
+    ASSERT_EQ(QORAPrinterNetCupsAdd(&conf, qpcups::kPpdGeneric), 0);
+    EXPECT_EQ(Cupsd::uri_of("lab"), "ipp://192.168.1.20/printers/lab");
+    EXPECT_FALSE(Cupsd::is_stopped("lab"));
+    EXPECT_EQ(qpt::read_file("/etc/cups/ppd/192.168.1.20-lab.ppd"), qpt::read_file(qpcups::kPpdGeneric));
+    EXPECT_EQ(log_.count("add cups network printer=lab, ok"), 1u);
+
+    // Again without a PPD, with an empty remote queue: the kept copy is used
+    // and the URI ends in "/".
+    strcpy(conf.szBackend, "socket");
+    conf.szQName[0] = 0;
+    lpadmin.forget();
+    ASSERT_EQ(QORAPrinterNetCupsAdd(&conf, nullptr), 0);
+    EXPECT_EQ(lpadmin.runs(), (std::vector<Argv>{{"/usr/bin/lpadmin", "-p", "lab", "-E", "-v", "socket://192.168.1.20/",
+                                                  "-L", host, "-P", "/etc/cups/ppd/192.168.1.20-lab.ppd"}}));
+    EXPECT_EQ(Cupsd::uri_of("lab"), "socket://192.168.1.20/");
+
+    // The service is started when it is down.
+    g_cupsd->stop();
+    strcpy(conf.szCupsPrinterName, "lab2");
+    ASSERT_EQ(QORAPrinterNetCupsAdd(&conf, nullptr), 0);
+    EXPECT_TRUE(Cupsd::has_queue("lab2"));
+
+    log_.reset();
+    conf.szCupsPrinterName[0] = 0;
+    EXPECT_EQ(QORAPrinterNetCupsAdd(&conf, nullptr), -1);
+    EXPECT_EQ(log_.count("cannot find cups printer name, printer=192.168.1.20-lab"), 1u);
+    EXPECT_EQ(QORAPrinterNetCupsAdd(nullptr, nullptr), -1);
+    EXPECT_EQ(log_.count("Invaild Argument (((void *)0) != pNPConf)=[0]"), 1u);
+}
+
+// ---- removal ------------------------------------------------------------------------------------
+
+TEST_F(CupsTest, RemovalTakesTheTwinAndOnlyTheQueueOfThisPrinter) {
+    for (const char *q : {"usbprinter1", "usbprinter"}) ASSERT_TRUE(Cupsd::add_queue(q, usb_uri(kId1)));
+    ASSERT_TRUE(Cupsd::add_queue("usbprinter2", usb_uri(kId3)));
+    ASSERT_EQ(QLIBCFileSetSectionValue(kConf, kId1.c_str(), "cups printer name", "usbprinter1"), 0);
+    ASSERT_EQ(QLIBCFileSetSectionValue(kConf, kId2.c_str(), "cups printer name", "usbprinter2"), 0);
+    Recorder lpadmin("/usr/bin/lpadmin", "/usr/sbin/lpadmin");
+
+    // usbprinter2 serves another device now: nothing is removed.
+    EXPECT_EQ(QORAPrinterCupsRm(kId2.c_str()), -1);
+    EXPECT_EQ(log_.count(("cannot find cups printer name, printer=" + kId2).c_str()), 1u);
+    EXPECT_TRUE(lpadmin.runs().empty());
+    EXPECT_EQ(QORAPrinterCupsRm(kId3.c_str()), -1);  // nothing stored
+
+    ASSERT_EQ(QORAPrinterCupsRm(kId1.c_str()), 0);
+    EXPECT_EQ(lpadmin.runs(), (std::vector<Argv>{{"/usr/bin/lpadmin", "-x", "usbprinter1"},
+                                                 {"/usr/bin/lpadmin", "-x", "usbprinter"}}));
+    EXPECT_EQ(Cupsd::queues().size(), 1u);
+    EXPECT_EQ(stored_name(kId1), "usbprinter1");  // the key stays
+
+    // By name: only the exact "usbprinter1" has a twin; a missing queue
+    // (lpadmin exits 1) counts as removed.
+    lpadmin.forget();
+    EXPECT_EQ(QORAPrinterCupsRmByName("USBprinter1"), 0);
+    EXPECT_EQ(QORAPrinterCupsRmByName("usbprinter2"), 0);
+    EXPECT_EQ(lpadmin.runs(), (std::vector<Argv>{{"/usr/bin/lpadmin", "-x", "USBprinter1"},
+                                                 {"/usr/bin/lpadmin", "-x", "usbprinter2"}}));
+    EXPECT_TRUE(Cupsd::queues().empty());
+
+    // Network printers: by stored name, without a listing check.
+    qpt::write_file(kConf, "[10.0.0.7-net]\n\tcups printer name = net\n", 0644);
+    ASSERT_TRUE(Cupsd::add_queue("net", "socket://10.0.0.7/"));
+    EXPECT_EQ(QORAPrinterNetCupsRm("10.0.0.7-net"), 0);
+    EXPECT_FALSE(Cupsd::has_queue("net"));
+    log_.reset();
+    EXPECT_EQ(QORAPrinterNetCupsRm("10.0.0.8-none"), -1);
+    EXPECT_EQ(log_.count("cannot find cups printer name, printer=10.0.0.8-none[0x"), 1u);
+
+    // lpadmin that cannot run at all.
+    unlink("/usr/bin/lpadmin");
+    log_.reset();
+    EXPECT_EQ(QORAPrinterCupsRmByName("usbprinter1"), -1);
+    EXPECT_EQ(log_.count("Execute error, cmd=/usr/bin/lpadmin -x usbprinter1"), 1u);
+    EXPECT_EQ(QORAPrinterCupsRmByName(""), -1);
+    EXPECT_EQ(log_.count("Invaild Argument (0 != szCupsPrinterName[0])=[0]"), 1u);
+}
+
+TEST_F(CupsTest, ScrubDropsUsbBlocksAtomicallyOnlyWhileCupsdIsStopped) {
+    ASSERT_TRUE(Cupsd::add_queue("usbprinter1", usb_uri(kId1)));
+    ASSERT_TRUE(Cupsd::add_queue("usbprinter", usb_uri(kId1)));
+    ASSERT_TRUE(Cupsd::add_queue("usbprinter10", usb_uri(kId3)));
+    ASSERT_TRUE(Cupsd::add_queue("office", "socket://10.0.0.3/"));
+    ASSERT_TRUE(Cupsd::wait_printers_conf("<Printer office>", true));
+    const std::string live = qpt::read_file(qpcups::kPrintersConf);
+
+    EXPECT_EQ(QORAPrinterCupsUsbConfRmAll(), -1);
+    expect_code(ERR_SERVICE_RUNNING, "printer_cups_usb_conf_rm_all.cpp");
+    EXPECT_EQ(log_.count("skip remove printer, cupsd alive. [0xD000 printer_cups_usb_conf_rm_all.cpp:"), 1u);
+    EXPECT_EQ(qpt::read_file(qpcups::kPrintersConf), live);
+
+    // The scheduler's own file: after a restart only the other queues remain.
+    g_cupsd->stop();
+    struct stat before = {};
+    ASSERT_EQ(stat(qpcups::kPrintersConf, &before), 0);
+    ASSERT_EQ(QORAPrinterCupsUsbConfRmAll(), 0);
+    struct stat after = {};
+    ASSERT_EQ(stat(qpcups::kPrintersConf, &after), 0);
+    EXPECT_EQ(after.st_mode, before.st_mode);
+    EXPECT_EQ(after.st_uid, before.st_uid);
+    EXPECT_EQ(after.st_gid, before.st_gid);
+    ASSERT_TRUE(g_cupsd->start());
+    std::vector<std::string> names;
+    for (const auto &q : Cupsd::queues()) names.push_back(q.name);
+    EXPECT_EQ(names, (std::vector<std::string>{"office", "usbprinter10"}));
+    g_cupsd->stop();
+
+    // Odd files: indented and other tags are copied, CRLF lines are matched,
+    // a long line is cut in pieces, an unclosed block runs to the end.
+    const std::string pieces = std::string(1023, 'x') + "<Printer usbprinter2>\n";
+    qpt::write_file(qpcups::kPrintersConf,
+                    "# head\r\n<Printer usbprinter>\r\nInfo a\r\n</Printer>\r\n  <Printer usbprinter1>\nkeep1\n"
+                    "</Printer>\n<Class usbprinter2>\nkeep2\n</Class>\n" +
+                        pieces + "dropped\n</Printer>\nkeep3\n<Printer usbprinter2>\nlost\n",
+                    0600);
+    ASSERT_EQ(chown(qpcups::kPrintersConf, 0, 7), 0);
+    ASSERT_EQ(QORAPrinterCupsUsbConfRmAll(), 0);
+    EXPECT_EQ(qpt::read_file(qpcups::kPrintersConf),
+              "# head\r\n  <Printer usbprinter1>\nkeep1\n</Printer>\n<Class usbprinter2>\nkeep2\n</Class>\n" +
+                  std::string(1023, 'x') + "keep3\n");
+    ASSERT_EQ(stat(qpcups::kPrintersConf, &after), 0);
+    EXPECT_EQ(after.st_mode & 07777, 0600u);
+    EXPECT_EQ(after.st_gid, 7u);
+    EXPECT_EQ(qpt::run({"/usr/bin/find", "/etc/cups", "-name", "printers.conf.??????"}).out, "");
+
+    unlink(qpcups::kPrintersConf);
+    EXPECT_EQ(QORAPrinterCupsUsbConfRmAll(), 0);
+    EXPECT_FALSE(qpt::exists(qpcups::kPrintersConf));
+    EXPECT_EQ(log_.lines().size(), 1u);  // only the refusal above
+}
+
+// ---- printing and jobs ---------------------------------------------------------------------------
+
+TEST_F(CupsTest, PrintSubmitsToTheStoredQueueAndJobWaitSeesTheJob) {
+    ASSERT_TRUE(Cupsd::add_queue("usbprinter2", usb_uri(kId1)));
+    ASSERT_EQ(QORAPrinterCupsPrinterEnable("usbprinter2", 0), 0);
+    ASSERT_EQ(QLIBCFileSetSectionValue(kConf, kId1.c_str(), "cups printer name", "usbprinter2"), 0);
+    Recorder lpr("/usr/bin/lpr");
+
+    qpt::write_file("/tmp/job one.txt", std::string(7777, 'a'));
+    ASSERT_EQ(QORAPrinterCupsPrintFile(kId1.c_str(), "/tmp/job one.txt", "Quarterly", 1), 0);
+    ASSERT_EQ(QORAPrinterCupsPrintFile(kId1.c_str(), "/usr/share/cups/data/testprint", "", 2), 0);
+    ASSERT_EQ(QORAPrinterCupsPrintTestPage(kId1.c_str()), 0);
+    EXPECT_EQ(lpr.runs(),
+              (std::vector<Argv>{
+                  {"/usr/bin/lpr", "-P", "usbprinter2", "-r", "-T", "Quarterly", "/tmp/job one.txt"},
+                  {"/usr/bin/lpr", "-P", "usbprinter2", "/usr/share/cups/data/testprint"},
+                  {"/usr/bin/lpr", "-P", "usbprinter2", "/usr/share/cups/data/testprint"}}));
+    EXPECT_FALSE(qpt::exists("/tmp/job one.txt"));  // submitted with -r
+    EXPECT_TRUE(qpt::exists("/usr/share/cups/data/testprint"));
+
+    // The stopped queue holds the jobs; "819" is no job ID, but lpq shows
+    // the first job's size as "8192 bytes".
+    std::vector<std::string> jobs = Cupsd::jobs("usbprinter2");
+    ASSERT_EQ(jobs.size(), 3u);
+    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), jobs[0].c_str()), 1);
+    EXPECT_EQ(log_.count("CheckJobIdInQueue failed."), 1u);
+    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "819"), 1);
+    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "999999"), 0);
+    ASSERT_EQ(qpt::run({"/usr/bin/cancel", "-a", "usbprinter2"}).status, 0);
+    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), jobs[0].c_str()), 0);
+
+    // Failures.
+    log_.reset();
+    lpr.forget();
+    EXPECT_EQ(QORAPrinterCupsPrintFile(kId2.c_str(), "/etc/hostname", nullptr, 0), -1);
+    EXPECT_EQ(log_.count(("cannot get cups printer name, printer=" + kId2).c_str()), 1u);
+    EXPECT_TRUE(lpr.runs().empty());
+    ASSERT_EQ(QLIBCFileSetSectionValue(kConf, kId3.c_str(), "cups printer name", "gone"), 0);
+    EXPECT_EQ(QORAPrinterCupsPrintTestPage(kId3.c_str()), -1);
+    expect_code(ERR_EXTERNAL_FAILED, "printer_cups_print_file.cpp");
+    EXPECT_EQ(log_.count("execv error, cmd=/usr/bin/lpr, ret=1"), 1u);
+    EXPECT_EQ(log_.count(("cannot print test page, printer id=" + kId3).c_str()), 1u);
+    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId2.c_str(), "1"), -1);
+    // The lookup logs this too, for the print above and for the wait.
+    EXPECT_EQ(log_.count(("get cups printer name failed, printer=" + kId2).c_str()), 3u);
+
+    log_.reset();
+    EXPECT_EQ(QORAPrinterCupsPrintFile(nullptr, "/etc/hostname", nullptr, 0), -1);
+    EXPECT_EQ(QORAPrinterCupsPrintTestPage(""), -1);
+    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), nullptr), -1);
+    expect_code(ERR_BAD_PARAMETER, "printer_cups_job_wait_complete.cpp");
+    EXPECT_TRUE(log_.lines().empty());
+
+    g_cupsd->stop();
+    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "1"), -1);
+    EXPECT_EQ(log_.count(LOG_ERR, "cupsd is not running."), 1u);
+}
+
+TEST_F(CupsTest, JobWaitListsAgainAfterAFailedListingWithinItsBound) {
+    ASSERT_TRUE(Cupsd::add_queue("usbprinter1", usb_uri(kId1)));
+    ASSERT_EQ(QLIBCFileSetSectionValue(kConf, kId1.c_str(), "cups printer name", "usbprinter1"), 0);
+    Recorder lpq("/usr/bin/lpq");
+
+    lpq.fail_next(1, -9);
+    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "5"), 0);
+    EXPECT_EQ(lpq.runs().size(), 2u);
+
+    lpq.forget();
+    lpq.fail_next(100, -9);
+    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "5"), 0);
+    EXPECT_EQ(lpq.runs().size(), 5u);
+
+    // lpq gone on the second pass: the first pass's answer stands.
+    lpq.forget();
+    lpq.vanish_after_run();
+    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "5"), 0);
+    EXPECT_EQ(lpq.runs().size(), 1u);
+    EXPECT_EQ(log_.count("open failed. [0x"), 1u);
+    log_.reset();
+    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "5"), -1);
+    EXPECT_EQ(log_.count("open failed. [0x"), 1u);
+}
+
+TEST_F(CupsTest, CleanSpoolEmptiesTheSpoolEvenWhenLprmFails) {
+    for (const char *f : {"a.txt", "b.job.pdf", "noext"}) qpt::write_file(std::string("/var/services/printer/") + f, "x");
+    qpt::mkdirs("/var/services/printer/d.d/inner");
+    EXPECT_EQ(QORAPrinterCleanSpool(), 0);
+    EXPECT_EQ(log_.count("lprm all failed. [0x"), 1u);  // this lprm knows no "all"
+    EXPECT_EQ(qpt::run({"/bin/ls", "-A", "/var/services/printer"}).out, "noext\n");
+
+    Recorder rm("/bin/rm");
+    rm.fail_next(1, 1);
+    log_.reset();
+    EXPECT_EQ(QORAPrinterCleanSpool(), -1);
+    EXPECT_EQ(log_.count("remove /var/services/printer failed. [0x2A00"), 1u);
+}
+
+}  // namespace
