@@ -108,10 +108,11 @@ int UsbPrinterConfSetup(const char *szDevName) {
     // it moves to another port.
     char szPrinterId[kIdCut + 1];
     if (info.szPrinterId[0] != '\0') {
-        snprintf(szPrinterId, sizeof(szPrinterId), "%s", info.szPrinterId);
+        set_field(szPrinterId, info.szPrinterId, kIdCut);
     } else if (info.ulVendorId != 0 && info.ulProductId != 0 && info.szSerial[0] != '\0') {
-        snprintf(szPrinterId, sizeof(szPrinterId), "%04lx:%04lx:%s", info.ulVendorId, info.ulProductId,
-                 info.szSerial);
+        char composed[2 * 16 + 2 + sizeof(info.szSerial) + 1];
+        snprintf(composed, sizeof(composed), "%04lx:%04lx:%s", info.ulVendorId, info.ulProductId, info.szSerial);
+        set_field(szPrinterId, composed, kIdCut);
     } else {
         QP_LOG_ERR("wrong printer id format! errno=0x[%X]", QLIBCErrGet());
         return -1;

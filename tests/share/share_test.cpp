@@ -1,0 +1,96 @@
+// The Samba "printers" share section: written once, never changed, and
+// judged complete only with eight entries or more.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <string>
+
+#include "internal.hpp"
+#include "qoraprinter.h"
+#include "qp_test.hpp"
+
+namespace {
+
+const char *kSmb = "/etc/samba/smb.reserved.conf";
+
+const char *kWritten =
+    "[printers]\n"
+    "\tcomment = All Printers\n"
+    "\tpath = /var/services/printer\n"
+    "\tbrowseable = no\n"
+    "\tpublic = yes\n"
+    "\tguest ok = yes\n"
+    "\twritable = yes\n"
+    "\tprintable = yes\n";
+
+class Share : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(qpt::in_sandbox());
+        qpt::remove_file(kSmb);
+    }
+};
+
+TEST_F(Share, WritesTheSectionOnceAndSambaAcceptsIt) {
+    const std::string other = "[homes]\n\tbrowseable = no\n";
+    qpt::write_file(kSmb, other);
+    ASSERT_EQ(0, QORAPrinterSmbConfSetup());
+    ASSERT_EQ(0, QORAPrinterSmbConfSetup());
+    EXPECT_EQ(other + kWritten, qpt::read_file(kSmb));
+    auto parsed = qpt::run({"/usr/bin/testparm", "-s", kSmb});
+    EXPECT_EQ(0, parsed.status) << parsed.err;
+    EXPECT_NE(std::string::npos, parsed.out.find("[printers]")) << parsed.out;
+
+    qpt::remove_file(kSmb);
+    ASSERT_EQ(0, QORAPrinterSmbConfSetup());
+    EXPECT_EQ(kWritten, qpt::read_file(kSmb));
+}
+
+TEST_F(Share, ExistingSectionIsNeverTouched) {
+    for (std::string text : {"[printers]\n\tpath = /elsewhere\n", "[printers]\n", "[printers]\r\n\n[x]\n\ta = b"}) {
+        qpt::write_file(kSmb, text);
+        EXPECT_EQ(0, QORAPrinterSmbConfSetup()) << text;
+        EXPECT_EQ(text, qpt::read_file(kSmb));
+    }
+}
+
+TEST_F(Share, UnreadableOrUnwritableFile) {
+    // A directory in the file's place can be neither read nor appended to.
+    qpt::mkdirs(kSmb);
+    qpt::LogCapture log;
+    QLIBCErrSetEx(0, "", 0);
+    EXPECT_EQ(-1, QORAPrinterSmbConfSetup());
+    EXPECT_EQ(1u, log.count(LOG_ERR, "QLIBCFileAddSection failed.(0x")) << log.dump();
+    EXPECT_NE(0u, QLIBCErrGet());
+    EXPECT_STRNE("printer_smb_conf_setup.cpp", QLIBCErrorGetFile()) << "the core library's code stays";
+    EXPECT_EQ(0, QORAPrinterIsActive());
+    EXPECT_EQ(0u, log.count("should contain"));
+    rmdir(kSmb);
+
+    // A file without its last newline gains one before the section.
+    qpt::write_file(kSmb, "[global]\n\tworkgroup = W");
+    EXPECT_EQ(0, QORAPrinterSmbConfSetup());
+    EXPECT_EQ(std::string("[global]\n\tworkgroup = W\n") + kWritten, qpt::read_file(kSmb));
+}
+
+TEST_F(Share, ActiveTakesEightEntries) {
+    qpt::LogCapture log;
+    EXPECT_EQ(0, QORAPrinterIsActive());
+    EXPECT_EQ(0u, log.count("should contain")) << "no file: no message";
+
+    qpt::write_file(kSmb, "[printers]\n\tpath = /x\n");
+    EXPECT_EQ(0, QORAPrinterIsActive());
+    EXPECT_EQ(1u, log.count(LOG_ERR, "Section [Printers] should contain at least 8 entries.[1]")) << log.dump();
+
+    qpt::write_file(kSmb, kWritten);
+    EXPECT_EQ(0, QORAPrinterIsActive());
+    EXPECT_EQ(1u, log.count(LOG_ERR, "Section [Printers] should contain at least 8 entries.[7]")) << log.dump();
+
+    qpt::write_file(kSmb, std::string(kWritten) + "\tprinting = cups\n");
+    log.reset();
+    EXPECT_EQ(1, QORAPrinterIsActive());
+    EXPECT_EQ(0u, log.count("should contain"));
+}
+
+}  // namespace

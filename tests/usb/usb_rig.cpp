@@ -1,0 +1,122 @@
+#include "usb_rig.hpp"
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <sstream>
+
+#include "qp_test.hpp"
+
+namespace usbrig {
+
+namespace {
+
+[[noreturn]] void die(const std::string &what) {
+    fprintf(stderr, "usb rig: %s\n", what.c_str());
+    abort();
+}
+
+bool g_started = false;
+
+}  // namespace
+
+void setup() {
+    if (!qpt::in_sandbox()) die("must run inside qp-sandbox");
+    if (!g_started) {
+        // The syslog socket stays open once used; open it now so that it
+        // does not count as a descriptor leak of the first call that logs.
+        openlog(nullptr, LOG_NDELAY, LOG_USER);
+        // A machine without a USB bus has no /sys/bus/usb, and sysfs takes
+        // no new directories: the tmpfs then goes over /sys/bus instead.
+        const char *where = qpt::exists("/sys/bus/usb") ? kSysfs : "/sys/bus";
+        if (mount("tmpfs", where, "tmpfs", 0, "mode=0755") != 0) die(std::string("cannot mount a tmpfs on ") + where);
+        qpt::mkdirs(kSysfs);
+        qpt::mkdirs("/dev/usb");
+        qpt::write_file(kEventLog, "");
+        qpt::start({qpt::bin_path("qp-usbdev"), "/dev/usb", kEventLog});
+        if (!qpt::wait_until([] { return qpt::exists("/dev/usb/control"); }, 5000)) die("qp-usbdev did not mount");
+        g_started = true;
+    }
+    control("reset");
+    clear_events();
+    for (const auto &e : std::filesystem::directory_iterator(kSysfs)) std::filesystem::remove_all(e.path());
+    clear_library_files();
+}
+
+void control(const std::string &lines) {
+    int fd = open("/dev/usb/control", O_WRONLY | O_CLOEXEC);
+    if (fd < 0) die("cannot open the control node");
+    std::string text = lines + "\n";
+    ssize_t n = write(fd, text.data(), text.size());
+    close(fd);
+    if (n != static_cast<ssize_t>(text.size())) die("control refused: " + lines);
+}
+
+std::vector<std::string> events() {
+    std::vector<std::string> out;
+    std::istringstream in(qpt::read_file(kEventLog));
+    for (std::string line; std::getline(in, line);) out.push_back(line);
+    return out;
+}
+
+void clear_events() {
+    if (truncate(kEventLog, 0) != 0) die("cannot clear the event log");
+}
+
+size_t count_event(const std::string &line) {
+    size_t n = 0;
+    for (const auto &e : events()) n += e == line;
+    return n;
+}
+
+void add_device(const Device &d) {
+    std::string dir = std::string(kSysfs) + "/" + d.busid;
+    qpt::mkdirs(dir);
+    auto attr = [&](const std::string &name, const std::string &value) {
+        if (!value.empty()) qpt::write_file(dir + "/" + name, value + "\n");
+    };
+    attr("idVendor", d.vendor);
+    attr("idProduct", d.product);
+    attr("serial", d.serial);
+    attr("manufacturer", d.manufacturer);
+    attr("product", d.name);
+    std::string iface = dir + "/" + d.busid + ":1.0";
+    qpt::mkdirs(iface);
+    qpt::write_file(iface + "/bInterfaceClass", d.iface_class + "\n");
+}
+
+void remove_device(const std::string &busid) { std::filesystem::remove_all(std::string(kSysfs) + "/" + busid); }
+
+void install_bind_driver() {
+    std::filesystem::copy_file(qpt::bin_path("qp-fake-bind-driver"), "/usr/bin/bind_driver",
+                               std::filesystem::copy_options::overwrite_existing);
+    qpt::remove_file("/tmp/bind_driver.log");
+    qpt::remove_file("/tmp/bind_driver.status");
+}
+
+void clear_library_files() {
+    for (const char *f : {"/tmp/usbtab", "/usr/qora/etc/printer.conf", "/usr/qora/etc/nptab",
+                          "/etc/samba/smb.reserved.conf"})
+        qpt::remove_file(f);
+}
+
+std::string section_text(const std::string &file, const std::string &name) {
+    std::istringstream in(qpt::read_file(file));
+    std::string out;
+    bool inside = false;
+    for (std::string line; std::getline(in, line);) {
+        if (!line.empty() && line[0] == '[') {
+            if (inside) break;
+            inside = line == "[" + name + "]";
+        }
+        if (inside) out += line + "\n";
+    }
+    return out;
+}
+
+}  // namespace usbrig
