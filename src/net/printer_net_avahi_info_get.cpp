@@ -67,7 +67,7 @@ int avahi_txt_read(const char *szDesc, PrinterNetInfo *pNPInfo) {
         QP_LOG_ERR("Failed to make printer string ID. Info: %s", szDesc);
     }
     // Cut to 1023 characters like every other device ID string.
-    snprintf(pNPInfo->szStringId, sizeof pNPInfo->szStringId, "MFG:%s;CMD:%s;MDL:%s;CLS:PRINTER;DES:%s %s;",
+    [[maybe_unused]] const int full = snprintf(pNPInfo->szStringId, sizeof pNPInfo->szStringId, "MFG:%s;CMD:%s;MDL:%s;CLS:PRINTER;DES:%s %s;",
              pNPInfo->szVendor, szCmd, pNPInfo->szModel, pNPInfo->szVendor, pNPInfo->szModel);
     return 0;
 }

@@ -1,0 +1,166 @@
+// SNMP identification against real snmpd agents walked by the real snmpwalk,
+// and recorded walks for the device URI forms.
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <string.h>
+#include <syslog.h>
+
+#include <string>
+#include <vector>
+
+#include "net_lab.hpp"
+#include "qoraprinter.h"
+#include "qp_test.hpp"
+
+namespace {
+
+class Lab : public ::testing::Environment {
+public:
+    void SetUp() override { ASSERT_TRUE(qpnet::lab_up({"snmp", "replay"})); }
+};
+::testing::Environment *const kLab = ::testing::AddGlobalTestEnvironment(new Lab);
+
+PrinterNetInfo filled_info() {
+    PrinterNetInfo info;
+    memset(&info, 'x', sizeof info);
+    return info;
+}
+
+TEST(SnmpAgent, IdentifiesAPrinterFully) {
+    PrinterNetInfo info = filled_info();
+    ASSERT_EQ(QORAPrinterNetInfoGetByIP("10.123.0.2", &info), 0);
+    EXPECT_STREQ(info.szReserved, "");
+    EXPECT_STREQ(info.szBackend, "ipp");
+    EXPECT_STREQ(info.szQName, "ipp");
+    EXPECT_STREQ(info.szVendor, "ACME");
+    EXPECT_STREQ(info.szModel, "X1");
+    EXPECT_STREQ(info.szStringId, "MFG:ACME;CMD:PCL,PJL;MDL:X1;CLS:PRINTER;DES:ACME X1;");
+}
+
+TEST(SnmpAgent, PartialAnswers) {
+    qpt::LogCapture log;
+    // A device ID and no device URI: identified in part.
+    PrinterNetInfo info = filled_info();
+    ASSERT_EQ(QORAPrinterNetInfoGetByIP("10.123.0.3", &info), 1);
+    EXPECT_STREQ(info.szBackend, "");
+    EXPECT_STREQ(info.szVendor, "Bolt Office");
+    EXPECT_STREQ(info.szModel, "B-200");
+
+    // A device URI but no device ID: the agent answered, so that is a failure.
+    info = filled_info();
+    ASSERT_EQ(QORAPrinterNetInfoGetByIP("10.123.0.4", &info), -1);
+    EXPECT_STREQ(info.szBackend, "lpd");  // from LPR://
+    EXPECT_STREQ(info.szQName, "queue1");
+    EXPECT_STREQ(info.szStringId, "");
+    EXPECT_EQ(log.count(LOG_ERR, "Failed to get network printer string ID.["), 1u) << log.dump();
+}
+
+TEST(SnmpAgent, OddValues) {
+    // Hex-STRING, an empty string and a value broken by a newline don't
+    // qualify; a quoted value with escaped quotes naming both keys does, and
+    // comes back as printed, backslashes included.
+    char id[1024];
+    ASSERT_EQ(QORAPrinterNetGetStringId("10.123.0.5", id, sizeof id), 0);
+    EXPECT_STREQ(id, "say \\\"MFG:Q;MDL:Q\\\" twice");
+
+    qpt::LogCapture log;
+    char backend[16] = "untouched", queue[16] = "untouched";
+    EXPECT_EQ(QORAPrinterNetGetStringBackend("10.123.0.5", backend, sizeof backend, queue, sizeof queue), -1);
+    EXPECT_STREQ(backend, "untouched");  // ipps is no backend of ours
+    EXPECT_STREQ(queue, "untouched");
+    EXPECT_EQ(log.count(LOG_ERR, "Fetch network printer protocol and queue name error."), 1u);
+
+    // The big agent's device ID is among its first objects.
+    ASSERT_EQ(QORAPrinterNetGetStringId("10.123.0.6", id, sizeof id), 0);
+    EXPECT_STREQ(id, "MFG:ACME;CMD:PCL;MDL:Big;CLS:PRINTER;");
+}
+
+TEST(SnmpAgent, WrongCommunityIsSilence) {
+    // The one walk that waits for the tool's own time-out (about 6 s).
+    char id[64];
+    memset(id, 'x', sizeof id);
+    EXPECT_EQ(QORAPrinterNetGetStringId("10.123.0.7", id, sizeof id), 1);
+    EXPECT_EQ(std::string(id, sizeof id), std::string(sizeof id, '\0'));
+}
+
+TEST(RecordedWalk, DeviceUriForms) {
+    const std::string name = "SNMPv2-SMI::enterprises.2699.1.2.1.3.1.1.4.1.1 = STRING: ";
+    auto uri = [&](const char *value) { return name + "\"" + value + "\"\n"; };
+    struct Row {
+        std::string walk;
+        int result;
+        const char *backend, *queue;
+        int queue_size;
+    } rows[] = {
+        {uri("ipp://192.168.1.20/ipp/print"), 0, "ipp", "ipp", 64},
+        {uri("IPP://192.168.1.20/printer"), 0, "ipp", "printer", 64},
+        {uri("LPR://192.168.1.20/queue1"), 0, "lpd", "queue1", 64},
+        {uri("socket://192.168.1.20:9100"), 0, "socket", "", 64},
+        {uri("bjnp://192.168.1.20:8611"), 0, "bjnp", "", 64},
+        {uri("lpd://192.168.1.20/queue1"), 0, "lpd", "que", 4},
+        {uri("ipps://192.168.1.20/ipp/print"), -1, "-", "-", 64},
+        {uri("smb://192.168.1.20/queue1"), 1, "-", "-", 64},
+        {uri("smb://h/q") + uri("ipp://h/first") + uri("ipp://h/second"), 0, "ipp", "first", 64},
+        {"X = STRING: socket://h:9100\n" + uri("ipp://h/q"), -1, "-", "-", 64},  // "://" but no quote
+        {"X://Y = \"\n" + uri("ipp://h/q"), -1, "-", "-", 64},                   // candidate too short
+        {"weird://name = STRING: \"ipp\"\n", -1, "ipp", "-", 64},                // no colon, no queue part
+    };
+    qpt::LogCapture log;
+    int n = 0;
+    for (const Row &row : rows) {
+        const std::string agent = "uri-" + std::to_string(n++);
+        qpnet::replay("snmpwalk-" + agent, row.walk + "End of MIB\n");
+        char backend[64] = "-", queue[64] = "-";
+        EXPECT_EQ(QORAPrinterNetGetStringBackend(agent.c_str(), backend, sizeof backend, queue, row.queue_size),
+                  row.result)
+            << row.walk;
+        EXPECT_STREQ(backend, row.backend) << row.walk;
+        EXPECT_STREQ(queue, row.queue) << row.walk;
+        qpnet::unreplay("snmpwalk-" + agent);
+    }
+    EXPECT_EQ(log.count(LOG_ERR, "Failed to QLIBCStrTok["), 1u) << log.dump();
+    EXPECT_EQ(log.count(LOG_ERR, "Fetch network printer protocol and queue name error."), 2u);
+}
+
+TEST(RecordedWalk, InterruptedReadsAreCountedNotFatal) {
+    const std::string walk = "X = STRING: \"MFG:A;MDL:B;\"\nX = STRING: \"ipp://h/q\"\n";
+    char id[64], backend[16], queue[16];
+    // A few interruptions while the tool is silent: the reads are retried.
+    qpnet::replay("snmpwalk-slow", walk, "0.35");
+    {
+        qpnet::Interrupter alarms(100);
+        errno = EDOM;
+        EXPECT_EQ(QORAPrinterNetGetStringId("slow", id, sizeof id), 0);
+        EXPECT_EQ(errno, EDOM);
+        EXPECT_EQ(QORAPrinterNetGetStringBackend("slow", backend, sizeof backend, queue, sizeof queue), 0);
+    }
+    EXPECT_STREQ(id, "MFG:A;MDL:B;");
+    EXPECT_STREQ(queue, "q");
+    // Many more than ten: the query gives up, with the caller's errno back.
+    qpnet::replay("snmpwalk-slow", walk, "1.5");
+    {
+        qpnet::Interrupter alarms(100);
+        errno = EDOM;
+        EXPECT_EQ(QORAPrinterNetGetStringId("slow", id, sizeof id), -1);
+        EXPECT_EQ(errno, EDOM);
+        EXPECT_STREQ(id, "");
+    }
+    qpnet::unreplay("snmpwalk-slow");
+}
+
+TEST(RecordedWalk, AddressesArePassedOnUnchanged) {
+    // Whatever the caller calls an address reaches the tool as its agent
+    // argument, and an empty walk means no answer.
+    for (const std::string &agent : std::vector<std::string>{"printer.local", "fe80::1", std::string(200, '9')}) {
+        qpnet::replay("snmpwalk-" + agent, "");
+        char id[32] = "x";
+        EXPECT_EQ(QORAPrinterNetGetStringId(agent.c_str(), id, sizeof id), 1);
+        EXPECT_EQ(qpnet::replay_runs("snmpwalk-" + agent), 1) << agent;
+        PrinterNetInfo info = filled_info();
+        EXPECT_EQ(QORAPrinterNetInfoGetByIP(agent.c_str(), &info), 1);
+        EXPECT_STREQ(info.szStringId, "");
+        qpnet::unreplay("snmpwalk-" + agent);
+    }
+}
+
+}  // namespace

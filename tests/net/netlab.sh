@@ -1,0 +1,250 @@
+#!/bin/bash
+# A small network of simulated printers for the tests, benchmarks and demo.
+# Run it ONLY inside the sandbox (qp-sandbox): it creates network namespaces,
+# writes /etc/snmp, /etc/avahi and moves tools aside, all of which vanish
+# with the sandbox.
+#
+#   netlab.sh up [snmp] [bjnp] [avahi] [replay]   (no component: all)
+#   netlab.sh down
+#
+# Layout: this namespace is the client (veth-c, 10.123.0.1/24); the
+# namespace qp-prn holds the printers (veth-p):
+#   10.123.0.2  printer "ACME X1": SNMP agent with device ID and device URI,
+#               BJNP responder, mDNS host qp-office (ipp 631, socket 9100)
+#   10.123.0.3  SNMP agent: device ID, no device URI; mDNS qp-basement (lpd 515)
+#   10.123.0.4  SNMP agent: device URI, no device ID; mDNS qp-web (http 80 only)
+#   10.123.0.5  SNMP agent: odd values (hex, quotes, newlines, empty);
+#               mDNS qp-odd (ipp 631 with a ';' inside a TXT value)
+#   10.123.0.6  SNMP agent: 10,000 objects, device ID among the first;
+#               mDNS qp-half (ipp 631 without usb_MDL)
+#   10.123.0.7  SNMP agent with another community
+#   10.123.0.9  nobody (no host answers)
+# "replay" installs stand-ins over snmpwalk, ping, the BJNP backend and
+# avahi-browse that print a recorded output when a test left one in
+# /tmp/qp-net/replay, and run the real tool otherwise.
+set -eu
+
+HERE=$(cd "$(dirname "$0")" && pwd)
+LAB=/tmp/qp-net
+NS=qp-prn
+BJNP_RESPONDER=${QP_BJNP_RESPONDER:-}
+export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket
+
+if [ "${QP_SANDBOX:-}" != 1 ]; then
+    echo "netlab.sh: run me inside qp-sandbox" >&2
+    exit 2
+fi
+
+log() { echo "netlab: $*" >&2; }
+
+wait_for() {  # seconds, command...
+    local n=$(( $1 * 20 )); shift
+    while ! "$@" >/dev/null 2>&1; do
+        n=$((n - 1))
+        [ $n -gt 0 ] || return 1
+        sleep 0.05
+    done
+}
+
+net_up() {
+    [ -e /run/netns/$NS ] && return 0
+    mkdir -p $LAB
+    ip netns add $NS
+    ip link add veth-c type veth peer name veth-p
+    ip link set veth-p netns $NS
+    ip addr add 10.123.0.1/24 brd + dev veth-c
+    ip link set veth-c up
+    ip -n $NS link set lo up
+    ip -n $NS addr add 10.123.0.2/24 brd + dev veth-p
+    for a in 3 4 5 6 7; do ip -n $NS addr add 10.123.0.$a/24 brd + dev veth-p; done
+    ip -n $NS link set veth-p up
+    wait_for 5 ping -c 1 -W 1 10.123.0.2
+}
+
+# snmpd agent: address, community, extra lines.
+agent() {
+    local addr=$1 community=$2 conf=$LAB/snmpd-$1.conf
+    shift 2
+    {
+        echo "agentAddress udp:$addr:161"
+        echo "rocommunity $community default -V printer"
+        echo "view printer included .1.3.6.1.4.1.2699"
+        echo "view printer included .1.3.6.1.4.1.11"
+        cat
+    } > "$conf"
+    ip netns exec $NS /usr/sbin/snmpd -f -C -I -smux -Lf /dev/null -p $LAB/snmpd-$addr.pid \
+        -c "$conf" </dev/null >/dev/null 2>&1 &
+}
+
+snmp_up() {
+    mkdir -p /etc/snmp
+    # snmpwalk finds "enterprises" only through a MIB; Debian ships none.
+    printf 'mibdirs %s\nmibs SNMPv2-SMI\n' "$HERE/mibs" > /etc/snmp/snmp.conf
+    local pid=.1.3.6.1.4.1.2699.1.2.1.2.1.1.3.1
+    local uri=.1.3.6.1.4.1.2699.1.2.1.3.1.1.4.1.1
+    local other=.1.3.6.1.4.1.11.2.3.9.1.1
+    agent 10.123.0.2 tarvel <<EOF
+override $other.1.0 octet_str "JetDirect-like card"
+override $other.2.0 integer 7
+override $pid octet_str "MFG:ACME;CMD:PCL,PJL;MDL:X1;CLS:PRINTER;DES:ACME X1;"
+override .1.3.6.1.4.1.2699.1.2.1.2.1.1.4.1 octet_str "Office printer"
+override $uri octet_str "ipp://10.123.0.2/ipp/print"
+override .1.3.6.1.4.1.2699.1.2.1.3.1.1.4.1.2 octet_str "socket://10.123.0.2:9100"
+EOF
+    agent 10.123.0.3 tarvel <<EOF
+override $other.1.0 octet_str "no URI here"
+override $pid octet_str "MANUFACTURER:Bolt Office;MODEL:B-200;CMD:PS;"
+EOF
+    agent 10.123.0.4 tarvel <<EOF
+override $other.1.0 octet_str "a card"
+override $uri octet_str "LPR://10.123.0.4/queue1"
+EOF
+    # Odd values: hex bytes (a 1284 ID with a control byte), an embedded
+    # quote, a newline, an empty string, then the real ID; the URI is ipps.
+    agent 10.123.0.5 tarvel <<EOF
+override $other.1.0 octet_str 0x4D46473A01414D443B4D444C3A5A
+override $other.2.0 octet_str "say \"MFG:Q;MDL:Q\" twice"
+override $other.3.0 octet_str 0x4D46473A413B0A4D444C3A423B
+override $other.4.0 octet_str ""
+override $pid octet_str "MFG:Odd;MDL:Q9;"
+override $uri octet_str "ipps://10.123.0.5/ipp/print"
+EOF
+    # 10,000 objects; the device ID is the third.
+    {
+        echo "override $other.1.0 octet_str \"card\""
+        echo "override $other.2.0 integer 1"
+        echo "override $other.3.0 octet_str \"MFG:ACME;CMD:PCL;MDL:Big;CLS:PRINTER;\""
+        local i
+        for ((i = 1; i <= 9997; i++)); do
+            echo "override .1.3.6.1.4.1.2699.1.2.1.9.1.$i octet_str \"object number $i of the big agent\""
+        done
+    } | agent 10.123.0.6 tarvel
+    agent 10.123.0.7 s3cret <<EOF
+override $pid octet_str "MFG:Hidden;MDL:H1;"
+EOF
+    local a
+    for a in 2 3 4 5 6 7; do
+        wait_for 10 sh -c "ip netns exec $NS ss -Hlun 'src 10.123.0.$a:161' | grep -q ." \
+            || { log "snmpd on 10.123.0.$a did not come up"; return 1; }
+    done
+}
+
+bjnp_up() {
+    [ -n "$BJNP_RESPONDER" ] || { log "QP_BJNP_RESPONDER not set"; return 1; }
+    ip netns exec $NS "$BJNP_RESPONDER" 10.123.0.2 "MFG:ACME;CMD:BJL,NCCe;MDL:X1;CLS:PRINTER;DES:ACME X1;" \
+        </dev/null >$LAB/bjnp.log 2>&1 &
+    echo $! > $LAB/bjnp.pid
+    wait_for 5 sh -c "ip netns exec $NS ss -Hlun 'sport = :8611' | grep -q ."
+}
+
+# The printers' mDNS side: a D-Bus and an avahi-daemon of their own in a
+# mount namespace with its own /run, and avahi-publish for each service.
+# The daemon runs under another name so that the client's check for a
+# running "avahi-daemon" does not see it.
+avahi_up() {
+    cat > $LAB/avahi-prn.conf <<EOF
+[server]
+host-name=qp-prn
+use-ipv4=yes
+use-ipv6=no
+allow-interfaces=veth-p
+enable-dbus=yes
+ratelimit-interval-usec=0
+[publish]
+publish-workstation=no
+publish-hinfo=no
+[reflector]
+[rlimits]
+EOF
+    ln -sf /usr/sbin/avahi-daemon $LAB/qp-prn-avahid
+    cat > $LAB/avahi-prn.sh <<EOF
+set -e
+mount -t tmpfs tmpfs /run
+mkdir -p /run/dbus /run/avahi-daemon $LAB
+dbus-daemon --system --fork
+for i in \$(seq 100); do [ -S /run/dbus/system_bus_socket ] && break; sleep 0.05; done
+$LAB/qp-prn-avahid -f $LAB/avahi-prn.conf --no-drop-root --no-chroot --no-rlimits -D
+for i in \$(seq 100); do [ -S /run/avahi-daemon/socket ] && break; sleep 0.05; done
+pub() { setsid avahi-publish "\$@" </dev/null >/dev/null 2>&1 & }
+pub -a -R qp-office.local 10.123.0.2
+pub -a -R qp-basement.local 10.123.0.3
+pub -a -R qp-web.local 10.123.0.4
+pub -a -R qp-odd.local 10.123.0.5
+pub -a -R qp-half.local 10.123.0.6
+pub -s -H qp-office.local Office _ipp._tcp 631 usb_MFG=ACME usb_MDL=X1 usb_CMD=PCL
+pub -s -H qp-office.local "Office raw" _pdl-datastream._tcp 9100 usb_MFG=ACME usb_MDL=X1 usb_CMD=PCL,PJL
+pub -s -H qp-basement.local Basement _printer._tcp 515 usb_MFG=Bolt usb_MDL=B-200 usb_CMD=PS
+pub -s -H qp-web.local Webpage _http._tcp 80 usb_MFG=Web usb_MDL=W1
+pub -s -H qp-odd.local Odd _ipp._tcp 631 usb_MFG=Odd "usb_MDL=Q;9" usb_CMD=PCL
+pub -s -H qp-half.local Half _ipp._tcp 631 usb_MFG=Half usb_CMD=PCL
+sleep 0.5
+EOF
+    ip netns exec $NS /bin/bash $LAB/avahi-prn.sh
+}
+
+# The client's D-Bus, and the configuration its avahi-daemon reads when the
+# library starts the service.
+avahi_client_up() {
+    mkdir -p /run/dbus /etc/avahi /usr/qora/sbin
+    if [ ! -S /run/dbus/system_bus_socket ]; then
+        dbus-daemon --system --fork
+        wait_for 5 test -S /run/dbus/system_bus_socket
+    fi
+    cat > /etc/avahi/avahi-daemon.conf <<EOF
+[server]
+host-name=qp-client
+use-ipv4=yes
+use-ipv6=no
+allow-interfaces=veth-c
+enable-dbus=yes
+[publish]
+disable-publishing=yes
+[reflector]
+[rlimits]
+EOF
+    [ -e /usr/qora/sbin/avahi-browse ] || ln -s /usr/bin/avahi-browse /usr/qora/sbin/avahi-browse
+}
+
+replay_up() {
+    local real=/usr/lib/qp-net-real
+    mkdir -p $real $LAB/replay /usr/qora/sbin
+    local tool path
+    for path in /usr/bin/snmpwalk /usr/bin/ping /usr/lib/cups/backend/bjnp /usr/qora/sbin/avahi-browse; do
+        tool=$(basename $path)
+        [ -e $real/$tool ] && continue
+        if [ $tool = avahi-browse ]; then
+            ln -sf /usr/bin/avahi-browse $real/$tool
+            rm -f $path
+        else
+            mv $path $real/$tool
+        fi
+        install -m 0755 "$HERE/replay.sh" $path
+    done
+}
+
+case "${1:-}" in
+up)
+    shift
+    [ $# -gt 0 ] || set -- snmp bjnp avahi replay
+    net_up
+    for c in "$@"; do
+        case $c in
+        snmp) snmp_up ;;
+        bjnp) bjnp_up ;;
+        avahi) avahi_client_up; avahi_up ;;
+        replay) replay_up ;;
+        *) log "unknown component $c"; exit 2 ;;
+        esac
+    done
+    ;;
+down)
+    for f in $LAB/*.pid; do [ -f "$f" ] && kill "$(cat "$f")" 2>/dev/null || true; done
+    ip netns pids $NS 2>/dev/null | xargs -r kill 2>/dev/null || true
+    ip link del veth-c 2>/dev/null || true
+    ip netns del $NS 2>/dev/null || true
+    ;;
+*)
+    echo "usage: netlab.sh up [snmp] [bjnp] [avahi] [replay] | down" >&2
+    exit 2
+    ;;
+esac
