@@ -318,6 +318,28 @@ TEST_F(ConfStore, CupsNameGet) {
     }
 }
 
+// Every path gives back its descriptors: the lock, the file reads.
+TEST_F(ConfStore, NoDescriptorLeaks) {
+    qpt::write_file(kConf, "[p]\n\tcups printer name = q\n");
+    QORAPrinterPrinterConfUnlock(-1);  // opens the syslog socket once
+    const int before = qpt::open_fd_count();
+    char buf[16];
+    PrinterConf c = record("p");
+    put(c.szProducer, "x");
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(QORAPrinterConfSetup(&c, i & 1), 0);
+        EXPECT_EQ(QORAPrinterCupsNameGet("p", buf, sizeof buf), 0);
+        EXPECT_EQ(QORAPrinterCupsNameGet("none", buf, sizeof buf), -1);
+        PrinterGoogleInfo g{};
+        std::strcpy(g.szAccount, "a");
+        std::strcpy(g.szPassword, "p");
+        EXPECT_EQ(QORAPrinterGoogleInfoSet(&g), 0);
+        EXPECT_EQ(QORAPrinterGoogleInfoGet(&g), 0);
+        EXPECT_EQ(QORAPrinterModelDetect(&c), -1);
+    }
+    EXPECT_EQ(qpt::open_fd_count(), before);
+}
+
 // Several processes writing their own sections at once lose nothing.
 TEST_F(ConfStore, ConcurrentWritersOfDistinctSections) {
     qpt::write_file(kConf, "[base]\n\tproducer = B\n");
