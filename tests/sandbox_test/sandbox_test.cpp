@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 #include <stdlib.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -191,6 +192,50 @@ TEST(SandboxNested, PassesOnExitStatusAndWorkingDirectory) {
     EXPECT_EQ(script.status, 0) << script.err;
     EXPECT_EQ(script.out, "1 arg typed\n");
     qpt::remove_file("/usr/qora/etc/script.sh");
+}
+
+TEST(SandboxNested, SignalsReachTheProgramAndAKilledLauncherTakesEverythingAlong) {
+    const std::string sandbox = qpt::bin_path("qp-sandbox");
+    // A polite stop (a test runner's) goes on to the program.
+    qpt::RunResult term = qpt::run(
+        {"/bin/sh", "-c",
+         sandbox + " -- /bin/sleep 653 & pid=$!;"
+                   "until /usr/bin/pgrep -f '^/bin/sleep 653$' >/dev/null; do sleep 0.01; done;"
+                   "kill -TERM $pid; wait $pid; echo $?"});
+    EXPECT_EQ(term.out, "143\n") << term.err;
+
+    // SIGKILL cannot be passed on: the namespace must die with the launcher.
+    qpt::RunResult killed = qpt::run(
+        {"/bin/sh", "-c",
+         sandbox + " -- /bin/sh -c '/bin/sleep 654 & /bin/sleep 655' & pid=$!;"
+                   "until /usr/bin/pgrep -f '^/bin/sleep 654$' >/dev/null; do sleep 0.01; done;"
+                   "kill -KILL $pid; wait $pid; echo $?"});
+    EXPECT_EQ(killed.out, "137\n") << killed.err;
+    EXPECT_TRUE(qpt::wait_until([] {
+        return count_processes(std::string("/bin/sleep\0" "654\0", 15)) == 0 &&
+               count_processes(std::string("/bin/sleep\0" "655\0", 15)) == 0;
+    }));
+}
+
+TEST(SandboxNested, KeepsMountsThatHoldTheProgramOrAreAskedFor) {
+    // Mounts other than the root file system are not in the overlay; the
+    // one holding the program and any --bind path are carried over.
+    for (const char *dir : {"/mnt/qp-prog", "/mnt/qp-data"}) {
+        qpt::mkdirs(dir);
+        ASSERT_EQ(mount("tmpfs", dir, "tmpfs", 0, "mode=0755"), 0) << dir;
+    }
+    qpt::write_file("/mnt/qp-prog/tool.sh", "#!/bin/sh\ncat /mnt/qp-data/value 2>/dev/null || echo absent\n", 0755);
+    qpt::write_file("/mnt/qp-data/value", "carried\n");
+
+    qpt::RunResult plain = qpt::run({qpt::bin_path("qp-sandbox"), "--", "/mnt/qp-prog/tool.sh"});
+    EXPECT_EQ(plain.status, 0) << plain.err;
+    EXPECT_EQ(plain.out, "absent\n");
+    qpt::RunResult bound =
+        qpt::run({qpt::bin_path("qp-sandbox"), "--bind", "/mnt/qp-data", "--", "/mnt/qp-prog/tool.sh"});
+    EXPECT_EQ(bound.status, 0) << bound.err;
+    EXPECT_EQ(bound.out, "carried\n");
+
+    for (const char *dir : {"/mnt/qp-prog", "/mnt/qp-data"}) EXPECT_EQ(umount2(dir, MNT_DETACH), 0);
 }
 
 }  // namespace
