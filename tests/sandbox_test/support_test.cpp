@@ -1,7 +1,6 @@
 // The helpers every other test relies on.
 #include <errno.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -43,24 +42,6 @@ TEST(Support, StopEndsTheProgramAndWhatItStarted) {
     // The orphaned sleep was killed with its group and reaped by init.
     EXPECT_TRUE(qpt::wait_until([&] { return kill(-pid, 0) == -1 && errno == ESRCH; }));
     EXPECT_EQ(qpt::open_fd_count(), fds);
-}
-
-TEST(Support, FilesAreWrittenExactlyWithParentsAndMode) {
-    std::string content("line\r\n\0binary\xff", 14);
-    qpt::write_file("/tmp/support/a/b/file", content, 0600);
-    std::string back;
-    ASSERT_TRUE(qpt::read_file("/tmp/support/a/b/file", back));
-    EXPECT_EQ(back, content);
-    struct stat st;
-    ASSERT_EQ(stat("/tmp/support/a/b/file", &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
-    qpt::write_file("/tmp/support/a/b/file", "short");
-    EXPECT_EQ(qpt::read_file("/tmp/support/a/b/file"), "short");
-    qpt::remove_file("/tmp/support/a/b/file");
-    EXPECT_FALSE(qpt::exists("/tmp/support/a/b/file"));
-    EXPECT_FALSE(qpt::read_file("/tmp/support/a/b/file", back));
-    EXPECT_EQ(back, "");
-    qpt::remove_file("/tmp/support/a/b/file");  // already gone: not a failure
 }
 
 TEST(Support, LogCaptureSeesOnlyItsOwnStretch) {
