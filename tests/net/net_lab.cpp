@@ -34,7 +34,9 @@ void replay(const std::string &key, const std::string &output, const std::string
 }
 
 void unreplay(const std::string &key) {
-    for (const char *ext : {".out", ".runs", ".delay"}) qpt::remove_file(kReplay + key + ext);
+    for (const char *ext : {".out", ".runs", ".delay", ".out.1", ".out.2", ".out.3"}) {
+        qpt::remove_file(kReplay + key + ext);
+    }
 }
 
 int replay_runs(const std::string &key) {

@@ -13,7 +13,7 @@ bool lab_up(const std::vector<std::string> &components);
 // Makes the stand-in for a tool print this output (key as in replay.sh:
 // "snmpwalk-AGENT", "ping-ADDRESS", "bjnp", "avahi-browse"), after a delay.
 void replay(const std::string &key, const std::string &output, const std::string &delay_s = "");
-// Back to the real tool.
+// Back to the real tool (also drops outputs for single runs, KEY.out.N).
 void unreplay(const std::string &key);
 // How often the stand-in printed the output since replay().
 int replay_runs(const std::string &key);
