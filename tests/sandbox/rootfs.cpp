@@ -174,6 +174,9 @@ void populate_root() {
     for (const char *dir : {"/usr/qora/etc", "/run/qorasdk/lock", "/dev/usb", "/var/services/printer",
                             "/etc/samba", "/run/qp-test", "/run/cups"})
         mkdir_p(dir);
+    // /var/lock points here on Debian; daemons keep their lock files in it.
+    mkdir("/run/lock", 01777);
+    chmod("/run/lock", 01777);
     // The library runs the CUPS administration tools from /usr/bin; Debian
     // installs them in /usr/sbin.  cupsenable/cupsdisable act on argv[0], so
     // these must be links named after the tool.
