@@ -75,8 +75,10 @@ protected:
         qpt::write_file(kConf, "[" + kId1 + "]\n\tproducer = Acme\n[" + kId2 + "]\n\tproducer = Acme\n[" + kId3 +
                                    "]\n\tproducer = Acme\n");
         log_.reset();
+        fds_ = qpt::open_fd_count();
     }
     void TearDown() override {
+        EXPECT_EQ(qpt::open_fd_count(), fds_) << "descriptors leaked";
         if (HasFailure()) fprintf(stderr, "syslog:\n%s", log_.dump().c_str());
     }
     void expect_code(unsigned code, const char *file) {
@@ -84,6 +86,7 @@ protected:
         EXPECT_STREQ(QLIBCErrorGetFile(), file);
     }
     qpt::LogCapture log_;
+    int fds_ = 0;
 };
 
 // ---- lookup -------------------------------------------------------------------
