@@ -62,13 +62,58 @@ QLIBC_API int QLIBCSzHashRemoveKey(PQLIBSZHASH pHash, const char *szKey);
 QLIBC_API int QLIBCSzHashEnumKey(PQLIBSZHASH pHash, PQLIBSZLIST *ppList);
 QLIBC_API int QLIBCSzHashCount(PQLIBSZHASH pHash);
 
+/*
+ * Text files below are rewritten crash-safely: writers of one file serialise
+ * on an flock of the sidecar file ".<name>.lock" in the same directory, read
+ * the current content under it, write a temporary file beside the target
+ * (owner and mode of the old file; 0644 for a new one), fsync it and rename it
+ * over the target.  Readers take no lock and see the old or the new file.
+ * Lines a writer does not change are kept byte for byte.
+ *
+ * Keys, values and section names are written with every control byte except
+ * tab (so CR and LF too) replaced by a blank, so a value can never start a
+ * line, section or key of its own.  A key that is empty, holds '=' or starts
+ * with '[' (in section files also '#' or ';') is refused: negative result,
+ * ERR_BAD_PARAMETER, file untouched.  A line format must hold exactly two
+ * "%s" ("%%" allowed); NULL means the usual format.
+ */
+
 /* ---- Key-value files: lines key="value" ------------------------------------ */
+/*
+ * A line is split at its first '='; blanks around key and value and one pair
+ * of double quotes around the value are dropped; lines without '=' or with an
+ * empty key are no entries.  The first line of a key is the one read.
+ * GetKeyValue: the copied length (cut to cbBuf), negative when the key or the
+ *   file is missing (ERR_KEY_NOT_FOUND / ERR_OPEN_FAILED).
+ * GetPair: number of keys read into the hash, negative when there is no file.
+ * SetKeyValue: 0; replaces the key's first line (later lines of the key go)
+ *   or appends one, creating the file.  RemoveKey: 0, also when the key or
+ *   the file is missing; removes every line of the key.
+ */
 QLIBC_API int QLIBCFileGetKeyValue(const char *szFile, const char *szKey, char *szBuf, int cbBuf, int iFlags);
 QLIBC_API int QLIBCFileSetKeyValue(const char *szFile, const char *szKey, const char *szValue, const char *szFormat);
 QLIBC_API int QLIBCFileRemoveKey(const char *szFile, const char *szKey);
 QLIBC_API int QLIBCFileGetPair(const char *szFile, PQLIBSZHASH *ppHash);
 
 /* ---- Section files: [name] then "\tkey = value" lines ---------------------- */
+/*
+ * A header is a line that, trimmed, starts with '[' and ends with ']'; names
+ * compare exactly (case and blanks count).  Entries split at the first '=',
+ * trimmed.  Blank lines, comments (# or ;) and other lines are no entries.
+ * When a name occurs twice the first section is the one read and written.
+ * GetSection: number of entries read (0: no such section or no entries),
+ *   negative with ERR_OPEN_FAILED when the file cannot be read.
+ * AddSection: 1 when appended (file created if needed), 0 when a header of
+ *   that name exists (nothing written), negative on failure.
+ * SetSection: 1 when the section now holds exactly the hash's entries (and
+ *   the new name); its comments and stray lines go, blank and comment lines
+ *   at its end (introducing the next section) stay.  0 with
+ *   ERR_BAD_PARAMETER when there is no such section or the new name is taken;
+ *   negative when the file is missing or cannot be written.
+ * GetSectionValue: the copied length, negative when not found.
+ * SetSectionValue: 0; replaces the key's entry or adds it after the section's
+ *   last entry; negative (ERR_BAD_PARAMETER) when the section does not exist.
+ */
 QLIBC_API int QLIBCFileGetSection(const char *szFile, const char *szSection, PQLIBSZHASH *ppHash);
 QLIBC_API int QLIBCFileAddSection(const char *szFile, const char *szSection, PQLIBSZHASH pHash, const char *szFormat);
 QLIBC_API int QLIBCFileSetSection(const char *szFile, const char *szSection, const char *szNewSection,
@@ -81,9 +126,20 @@ QLIBC_API int QLIBCFileSetSectionValue(const char *szFile, const char *szSection
 /* ---- Other file operations -------------------------------------------------- */
 QLIBC_API int QLIBCFileExist(const char *szPath);
 QLIBC_API FILE *QLIBCFileTempFileOpen(char *szTemplate);
+/*
+ * LockByFile: mode 1 only (exclusive, never waits); creates the file and its
+ * directories; 1 with *pFd set when locked, 0 when another holder has it,
+ * negative on error.  Closing *pFd releases the lock.
+ */
 QLIBC_API int QLIBCFileLockByFile(const char *szFile, int iMode, int *pFd);
 
-/* Named locks.  A request is the lock number or'ed with the wait mode. */
+/*
+ * Named locks.  A request is the lock number or'ed with the wait mode.
+ * QLIBCFileLock polls every 10 ms for up to iWaitLimit seconds: 0 when taken,
+ * non-zero with ERR_LOCK_FAILED when not.  The lock belongs to the process
+ * until QLIBCFileUnlock (non-zero with ERR_UNLOCK_FAILED when not held); a
+ * second thread of the process waits like another process would.
+ */
 #define LOCK_USBIDMAP      0x20000u
 #define LOCK_MODE_EX_WAIT  0x6u
 QLIBC_API int QLIBCFileLock(unsigned int uRequest, int iWaitLimit);
@@ -99,6 +155,20 @@ QLIBC_API int QLIBCStrReplace(const char *szSrc, const char *szPattern, const ch
                               char *szBuf, int cbBuf);
 
 /* ---- Programs and processes ------------------------------------------------------ */
+/*
+ * Programs run by absolute path without a shell: stdin and stderr on
+ * /dev/null, stdout on /dev/null (or the stream of QLIBCPopen), an empty
+ * signal mask and default dispositions, the caller's environment without LANG
+ * and LC_* plus LC_ALL=C.  Exec/Execl/Execv: 0 for exit status 0, the exit
+ * status when non-zero, negative when the program could not start (-1) or was
+ * killed by a signal (-(128 + signal)).  QLIBCExec alone expands arguments
+ * holding * ? or [ like a shell word (sorted matches; no match: unchanged).
+ * QLIBCPclose: the exit status (0 or more; a child ended by SIGPIPE because
+ * the reader closed early counts as 0), negative when the child cannot be
+ * waited for or a signal other than SIGPIPE ended it.
+ * QLIBCIsProcAlive: non-zero when a process of exactly that name runs
+ * (zombies do not count; names past 15 bytes compare argv[0]'s base name).
+ */
 QLIBC_API int QLIBCExec(const char *szPath, const char *szArg1, const char *szArg2, const char *szArg3,
                         const char *szArg4);
 QLIBC_API int QLIBCExecl(const char *szPath, int iOptions, ...);
@@ -108,6 +178,12 @@ QLIBC_API int QLIBCPclose(FILE *fp);
 QLIBC_API int QLIBCIsProcAlive(const char *szName);
 
 /* ---- Secrets ----------------------------------------------------------------------- */
+/*
+ * Authenticated encryption under the appliance key /usr/qora/etc/.qoracrypt.key
+ * (created on first use, mode 0600), output URL-safe base64 without padding.
+ * Non-zero on success; 0 for an empty secret, an output that does not fit, or
+ * a stored text that was changed.  A 255-byte secret takes 394 bytes + NUL.
+ */
 QLIBC_API int QLIBCCryptSzEncrypt(const char *szPlain, char *szBuf, int cbBuf);
 QLIBC_API int QLIBCCryptSzDecrypt(const char *szStored, char *szBuf, int cbBuf);
 

@@ -38,10 +38,20 @@ typedef struct QORAUSB_DEV_INFO {
  * Lists the devices whose type shares a bit with uTypeMask.  With pBuf NULL
  * and cbBuf 0 stores the size the list needs in *pcbNeeded; with a buffer of
  * that size fills it with an array of char* followed by the names, and returns
- * their number.  Negative on failure.
+ * their number.  Negative on failure (a buffer smaller than needed:
+ * ERR_BAD_PARAMETER).  Devices are the "lp*" keys of /tmp/usbtab in file
+ * order; one is listed only when its sysfs directory can be read now and its
+ * type shares a bit with the mask.  No usbtab: no devices.
  */
 QORAUSB_API int QORAUSBDevEnum(unsigned int uTypeMask, void *pBuf, int cbBuf, int *pcbNeeded);
-/* Fills a cleared record for a device name; negative on failure (error slot set). */
+/*
+ * Fills a cleared record for a device name; negative on failure (error slot
+ * set): name not in usbtab, bus ID unusable ('/', "..") or its sysfs
+ * directory missing.  Missing attributes leave 0 or "".  Type: PRINTER_BI
+ * when an interface has class 07, STORAGE for class 08, else OTHER.  The
+ * printer ID is "%04lx:%04lx:%s" (vendor, product, serial) when the serial
+ * is known and both IDs are non-zero, else "".
+ */
 QORAUSB_API int QORAUSBDevGetInfo(const char *szDevName, PQORAUSB_DEV_INFO pInfo);
 
 #ifdef __cplusplus
