@@ -9,6 +9,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <algorithm>
 #include <charconv>
 
 #include "frame.hpp"
@@ -35,6 +36,15 @@ void txt_value(const char *szDesc, const char *szKey, char *szBuf, size_t cbBuf)
     if (n >= cbBuf) n = cbBuf - 1;
     memcpy(szBuf, at, n);
     szBuf[n] = '\0';
+}
+
+// Appends text to a NUL-terminated buffer, cut at the buffer's end.
+void append_cut(char *szBuf, size_t cbBuf, const char *szText) {
+    const size_t len = strnlen(szBuf, cbBuf);
+    if (len + 1 >= cbBuf) return;
+    const size_t n = std::min(strlen(szText), cbBuf - 1 - len);
+    memcpy(szBuf + len, szText, n);
+    szBuf[len + n] = '\0';
 }
 
 int port_slot(const char *szPiece) {
@@ -66,9 +76,14 @@ int avahi_txt_read(const char *szDesc, PrinterNetInfo *pNPInfo) {
         snprintf(pNPInfo->szModel, sizeof pNPInfo->szModel, "%s", "Not Found");
         QP_LOG_ERR("Failed to make printer string ID. Info: %s", szDesc);
     }
-    // Cut to 1023 characters like every other device ID string.
-    [[maybe_unused]] const int full = snprintf(pNPInfo->szStringId, sizeof pNPInfo->szStringId, "MFG:%s;CMD:%s;MDL:%s;CLS:PRINTER;DES:%s %s;",
-             pNPInfo->szVendor, szCmd, pNPInfo->szModel, pNPInfo->szVendor, pNPInfo->szModel);
+    // "MFG:%s;CMD:%s;MDL:%s;CLS:PRINTER;DES:%s %s;", cut to 1023 characters
+    // like every other device ID string.
+    char *id = pNPInfo->szStringId;
+    const size_t size = sizeof pNPInfo->szStringId;
+    id[0] = '\0';
+    const char *const pieces[] = {"MFG:", pNPInfo->szVendor, ";CMD:", szCmd, ";MDL:", pNPInfo->szModel,
+                                  ";CLS:PRINTER;DES:", pNPInfo->szVendor, " ", pNPInfo->szModel, ";"};
+    for (const char *piece : pieces) append_cut(id, size, piece);
     return 0;
 }
 
