@@ -121,6 +121,7 @@ TEST(Avahi, OtherAnnouncements) {
 }
 
 TEST(Avahi, RecordedBrowse) {
+    const int fds = qpt::open_fd_count();
     const std::string rec = "=;veth-c;IPv4;Lab;_ipp._tcp;local;lab.local;";
     qpnet::replay("avahi-browse", rec + "10.9.9.20;8611;\"usb_MFG=B\" \"usb_MDL=J\"\n" + rec +
                                       "10.9.9.2;631;\"usb_MFG=I\" \"usb_MDL=" + std::string(2000, 'p') + "\"\n" +
@@ -146,6 +147,7 @@ TEST(Avahi, RecordedBrowse) {
         EXPECT_STREQ(info.szBackend, "");
     }
     qpnet::unreplay("avahi-browse");
+    EXPECT_EQ(qpt::open_fd_count(), fds);
 }
 
 }  // namespace

@@ -106,6 +106,7 @@ TEST(RecordedWalk, DeviceUriForms) {
         {"weird://name = STRING: \"ipp\"\n", -1, "ipp", "-", 64},                // no colon, no queue part
     };
     qpt::LogCapture log;
+    const int fds = qpt::open_fd_count();
     int n = 0;
     for (const Row &row : rows) {
         const std::string agent = "uri-" + std::to_string(n++);
@@ -120,6 +121,7 @@ TEST(RecordedWalk, DeviceUriForms) {
     }
     EXPECT_EQ(log.count(LOG_ERR, "Failed to QLIBCStrTok["), 1u) << log.dump();
     EXPECT_EQ(log.count(LOG_ERR, "Fetch network printer protocol and queue name error."), 2u);
+    EXPECT_EQ(qpt::open_fd_count(), fds);  // every pipe closed, on every path
 }
 
 TEST(RecordedWalk, InterruptedReadsAreCountedNotFatal) {
