@@ -84,7 +84,7 @@ snmp_up() {
     local uri=.1.3.6.1.4.1.2699.1.2.1.3.1.1.4.1.1
     local other=.1.3.6.1.4.1.11.2.3.9.1.1
     agent 10.123.0.2 tarvel <<EOF
-override $other.1.0 octet_str "JetDirect-like card"
+override $other.1.0 octet_str "network card 1"
 override $other.2.0 integer 7
 override $pid octet_str "MFG:ACME;CMD:PCL,PJL;MDL:X1;CLS:PRINTER;DES:ACME X1;"
 override .1.3.6.1.4.1.2699.1.2.1.2.1.1.4.1 octet_str "Office printer"
