@@ -2,7 +2,9 @@
 //
 // Runs PROGRAM in private mount, PID and network namespaces over a
 // copy-on-write overlay of the root file system, so every file it writes
-// and every daemon it starts vanish when it ends.  Exits with PROGRAM's
+// and every daemon it starts vanish when it ends (except under a --bind
+// PATH, which is the machine's own).  --keep-net keeps the machine's
+// network namespace.  Exits with PROGRAM's
 // status (128+signal when a signal ended it, 125 when the sandbox could not
 // be set up, 127 when PROGRAM could not be started).
 //
@@ -125,7 +127,8 @@ void write_text(const char *path, const char *text) {
     close(fd);
 }
 
-[[noreturn]] void run_init(const Options &o, const std::string &cwd, const std::vector<std::string> &keep) {
+[[noreturn]] void run_init(const Options &o, const std::string &cwd, const std::vector<std::string> &keep,
+                           const std::vector<std::string> &binds) {
     // Die with the outer process (a test runner's timeout kills only it).
     prctl(PR_SET_PDEATHSIG, SIGKILL);
 
@@ -133,7 +136,7 @@ void write_text(const char *path, const char *text) {
         perror("qp-sandbox: unshare mount namespace");
         _exit(qps::kSetupFailed);
     }
-    if (!qps::enter_new_root(cwd, keep)) _exit(qps::kSetupFailed);
+    if (!qps::enter_new_root(cwd, keep, binds)) _exit(qps::kSetupFailed);
     qps::populate_root();
     if (!o.keep_net) {
         if (!qps::loopback_up()) _exit(qps::kSetupFailed);
@@ -204,9 +207,14 @@ int main(int argc, char **argv) {
         char real[PATH_MAX];
         if (realpath(o.argv[0], real)) keep.push_back(real);
     }
+    std::vector<std::string> binds;
     for (const std::string &b : o.binds) {
         char real[PATH_MAX];
-        if (realpath(b.c_str(), real)) keep.push_back(real);
+        if (!realpath(b.c_str(), real)) {
+            fprintf(stderr, "qp-sandbox: --bind %s: %s\n", b.c_str(), strerror(errno));
+            return qps::kSetupFailed;
+        }
+        binds.push_back(real);
     }
 
     // Only init goes into the new namespaces: afterwards this process
@@ -226,7 +234,7 @@ int main(int argc, char **argv) {
     if (init == 0) {
         close(own_pid_ns);
         close(own_net_ns);
-        run_init(o, cwd, keep);
+        run_init(o, cwd, keep, binds);
     }
     if (own_pid_ns >= 0) setns(own_pid_ns, CLONE_NEWPID), close(own_pid_ns);
     if (own_net_ns >= 0) setns(own_net_ns, CLONE_NEWNET), close(own_net_ns);

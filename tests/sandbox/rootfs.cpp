@@ -111,6 +111,23 @@ bool bind_separate_mounts(const std::vector<std::string> &keep) {
     return true;
 }
 
+// Paths given to --bind: the machine's own directory or file, not the
+// overlay's copy, so what the program leaves there (fuzzer crash inputs)
+// outlives the run.
+bool bind_host_paths(const std::vector<std::string> &binds) {
+    for (const std::string &path : binds) {
+        struct stat st;
+        if (stat(path.c_str(), &st) != 0) return fail("stat", path);
+        std::string target = kRoot + path;
+        if (S_ISDIR(st.st_mode))
+            mkdir_p(target);
+        else
+            touch(target);
+        if (!do_mount(path.c_str(), target, nullptr, MS_BIND | MS_REC)) return false;
+    }
+    return true;
+}
+
 bool make_dev() {
     const std::string dev = kRoot + "/dev";
     if (!do_mount("tmpfs", dev, "tmpfs", MS_NOSUID | MS_NOEXEC, "mode=0755,size=65536k")) return false;
@@ -139,7 +156,8 @@ bool make_dev() {
 
 }  // namespace
 
-bool enter_new_root(const std::string &cwd, const std::vector<std::string> &keep) {
+bool enter_new_root(const std::string &cwd, const std::vector<std::string> &keep,
+                    const std::vector<std::string> &binds) {
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return fail("make private", "/");
     if (!do_mount("tmpfs", kScratch, "tmpfs", 0, "mode=0700")) return false;
     const std::string upper = std::string(kScratch) + "/upper", work = std::string(kScratch) + "/work";
@@ -160,7 +178,7 @@ bool enter_new_root(const std::string &cwd, const std::vector<std::string> &keep
     if (!do_mount("tmpfs", kRoot + "/tmp", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777")) return false;
     mkdir((kRoot + "/run").c_str(), 0755);
     if (!do_mount("tmpfs", kRoot + "/run", "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755")) return false;
-    if (!bind_separate_mounts(keep)) return false;
+    if (!bind_separate_mounts(keep) || !bind_host_paths(binds)) return false;
 
     // pivot_root leaves the machine's tree unreachable once detached.
     if (chdir(kRoot.c_str()) != 0) return fail("chdir", kRoot);

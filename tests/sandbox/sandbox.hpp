@@ -15,8 +15,10 @@ inline constexpr int kSetupFailed = 125;
 // Builds the new root (overlay of / with fresh /proc /sys /dev /tmp /run),
 // switches into it and changes to cwd there (or / when it does not exist).
 // `keep` lists host paths whose mounts must stay visible (the program, the
-// working directory).  Returns false after printing why.
-bool enter_new_root(const std::string &cwd, const std::vector<std::string> &keep);
+// working directory); `binds` host paths shared read-write with the machine
+// (writes there survive the run).  Returns false after printing why.
+bool enter_new_root(const std::string &cwd, const std::vector<std::string> &keep,
+                    const std::vector<std::string> &binds);
 
 // Creates the directories and links the library and its tools expect.
 void populate_root();

@@ -217,7 +217,7 @@ TEST(SandboxNested, SignalsReachTheProgramAndAKilledLauncherTakesEverythingAlong
     }));
 }
 
-TEST(SandboxNested, KeepsMountsThatHoldTheProgramOrAreAskedFor) {
+TEST(SandboxNested, KeepsMountsThatHoldTheProgramAndSharesBoundPaths) {
     // Mounts other than the root file system are not in the overlay; the
     // one holding the program and any --bind path are carried over.
     for (const char *dir : {"/mnt/qp-prog", "/mnt/qp-data"}) {
@@ -236,6 +236,17 @@ TEST(SandboxNested, KeepsMountsThatHoldTheProgramOrAreAskedFor) {
     EXPECT_EQ(bound.out, "carried\n");
 
     for (const char *dir : {"/mnt/qp-prog", "/mnt/qp-data"}) EXPECT_EQ(umount2(dir, MNT_DETACH), 0);
+
+    // A bound path of the root file system is written through, not copied.
+    qpt::mkdirs("/var/qp-shared");
+    EXPECT_EQ(nested("echo kept > /var/qp-shared/out; echo lost > /var/qp-out").status, 0);
+    EXPECT_FALSE(qpt::exists("/var/qp-shared/out"));
+    qpt::RunResult shared = qpt::run({qpt::bin_path("qp-sandbox"), "--bind", "/var/qp-shared", "--", "/bin/sh",
+                                      "-c", "echo kept > /var/qp-shared/out; echo lost > /var/qp-out"});
+    EXPECT_EQ(shared.status, 0) << shared.err;
+    EXPECT_EQ(qpt::read_file("/var/qp-shared/out"), "kept\n");
+    EXPECT_FALSE(qpt::exists("/var/qp-out"));
+    EXPECT_EQ(qpt::run({qpt::bin_path("qp-sandbox"), "--bind", "/var/qp-missing", "--", "/bin/true"}).status, 125);
 }
 
 }  // namespace
