@@ -34,12 +34,17 @@ bool push_entry(const char *line, PQLIBSZLIST *ppList) {
     }
     const char *key = pieces.at(0);
     const char *value = pieces.at(2);
-    if (strlen(key) + strlen(value) + 2 > kLineSize) {
+    const size_t cbKey = strlen(key), cbValue = strlen(value);
+    if (cbKey + cbValue + 2 > kLineSize) {
         QP_SET_ERR(ERR_NAME_TOO_LONG);
         return false;
     }
+    // "%s-%s", assembled by hand now that it is known to fit.
     char id[kLineSize];
-    snprintf(id, sizeof(id), "%s-%s", key, value);
+    memcpy(id, key, cbKey);
+    id[cbKey] = '-';
+    memcpy(id + cbKey + 1, value, cbValue);
+    id[cbKey + 1 + cbValue] = '\0';
     QLIBCSzListPush(ppList, id);
     return true;
 }
