@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <deque>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -45,8 +46,13 @@ private:
 struct Line {
     std::string_view text;
     std::string_view end;
+    // The whole line, text and end, as it stands in the file.
+    std::string_view whole() const { return {text.data(), text.size() + end.size()}; }
 };
-std::vector<Line> split_lines(std::string_view data);
+
+// Steps through the lines of data: fills line with the one starting at pos
+// and moves pos past it; false once pos is at the end.
+bool next_line(std::string_view data, size_t &pos, Line &line);
 
 // isspace() for the C locale, on bytes of any value.
 bool is_blank(unsigned char c);
@@ -72,12 +78,30 @@ int read_whole_fd(int fd, std::string &out);
 // Creates the directory and its parents (mode for new ones); 0 or errno.
 int make_dirs(const std::string &dir, mode_t mode);
 
+// The new content of a rewritten file, as pieces written in order: runs of
+// the old content (views, written straight from the buffer they were read
+// into, so an edit of one line of a large file copies nothing) and new text.
+class Splice {
+public:
+    // Appends bytes that outlive the splice (a piece of the old content).
+    void keep(std::string_view bytes);
+    // Appends new text; the splice owns it.
+    void add(std::string text);
+    // Appends a line end unless the content is empty or already ends with one.
+    void ensure_newline();
+    const std::vector<std::string_view> &pieces() const { return pieces_; }
+
+private:
+    std::vector<std::string_view> pieces_;
+    std::deque<std::string> owned_;  // a deque never moves what it holds
+};
+
 // Rewrites a file crash-safely under its sidecar lock:
 //   edit(exists, old, out) sees the current content (exists false when the
 //   file is missing) and returns <0 to fail (slot already set), 0 to leave
-//   the file as it is, >0 to replace it with `out`.
+//   the file as it is, >0 to replace it with what it put into `out`.
 // The result is edit's result, or -1 with the slot set when the rewrite failed.
-using EditFn = std::function<int(bool exists, const std::string &old, std::string &out)>;
+using EditFn = std::function<int(bool exists, std::string_view old, Splice &out)>;
 int rewrite_file(const char *path, const EditFn &edit);
 
 // Entries of a hash in the order their keys were first set.

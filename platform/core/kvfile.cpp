@@ -64,7 +64,8 @@ extern "C" QLIBC_API int QLIBCFileGetKeyValue(const char *szFile, const char *sz
         }
         std::string data;
         if (read_file_or_fail(szFile, data) < 0) return -1;
-        for (const auto &line : qc::split_lines(data)) {
+        qc::Line line;
+        for (size_t pos = 0; qc::next_line(data, pos, line);) {
             KvEntry e;
             if (parse_kv(line.text, e) && e.key == key) return qc::copy_out(e.value, szBuf, cbBuf);
         }
@@ -87,12 +88,15 @@ extern "C" QLIBC_API int QLIBCFileGetPair(const char *szFile, PQLIBSZHASH *ppHas
         if (!*ppHash && !(*ppHash = QLIBCSzHashAlloc(64))) return -1;
         // The first line of a key counts, as for QLIBCFileGetKeyValue.
         std::unordered_set<std::string_view> seen;
+        std::string key, value;
         int count = 0;
-        for (const auto &line : qc::split_lines(data)) {
+        qc::Line line;
+        for (size_t pos = 0; qc::next_line(data, pos, line);) {
             KvEntry e;
             if (!parse_kv(line.text, e) || !seen.insert(e.key).second) continue;
-            if (QLIBCSzHashSetValue(ppHash, std::string(e.key).c_str(), std::string(e.value).c_str()) < 0)
-                return -1;
+            key.assign(e.key);
+            value.assign(e.value);
+            if (QLIBCSzHashSetValue(ppHash, key.c_str(), value.c_str()) < 0) return -1;
             ++count;
         }
         return count;
@@ -116,20 +120,21 @@ extern "C" QLIBC_API int QLIBCFileSetKeyValue(const char *szFile, const char *sz
             return -1;
         }
         const std::string new_line = qc::format_line(fmt, key, qc::neutralise(szValue));
-        int rc = qc::rewrite_file(szFile, [&](bool, const std::string &old, std::string &out) {
+        int rc = qc::rewrite_file(szFile, [&](bool, std::string_view old, qc::Splice &out) {
             bool placed = false;
-            for (const auto &line : qc::split_lines(old)) {
+            qc::Line line;
+            for (size_t pos = 0; qc::next_line(old, pos, line);) {
                 KvEntry e;
                 if (parse_kv(line.text, e) && e.key == key) {
-                    if (!placed) out += new_line;  // later duplicates of the key go
+                    if (!placed) out.add(new_line);  // later duplicates of the key go
                     placed = true;
                     continue;
                 }
-                out.append(line.text).append(line.end);
+                out.keep(line.whole());
             }
             if (!placed) {
-                if (!out.empty() && out.back() != '\n') out += '\n';
-                out += new_line;
+                out.ensure_newline();
+                out.add(new_line);
             }
             return 1;
         });
@@ -153,16 +158,17 @@ extern "C" QLIBC_API int QLIBCFileRemoveKey(const char *szFile, const char *szKe
         }
         // Nothing to remove from a file that is not there; no lock file either.
         if (!QLIBCFileExist(szFile)) return 0;
-        int rc = qc::rewrite_file(szFile, [&](bool exists, const std::string &old, std::string &out) {
+        int rc = qc::rewrite_file(szFile, [&](bool exists, std::string_view old, qc::Splice &out) {
             if (!exists) return 0;
             bool removed = false;
-            for (const auto &line : qc::split_lines(old)) {
+            qc::Line line;
+            for (size_t pos = 0; qc::next_line(old, pos, line);) {
                 KvEntry e;
                 if (parse_kv(line.text, e) && e.key == key) {
                     removed = true;
                     continue;
                 }
-                out.append(line.text).append(line.end);
+                out.keep(line.whole());
             }
             return removed ? 1 : 0;
         });

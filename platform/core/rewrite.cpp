@@ -10,11 +10,15 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 namespace qc {
 namespace {
@@ -37,14 +41,27 @@ void remove_stale_temps(const std::string &dir, const std::string &base) {
     ::closedir(d);
 }
 
-bool write_all(int fd, std::string_view data) {
-    while (!data.empty()) {
-        ssize_t n = ::write(fd, data.data(), data.size());
+// Writes the pieces in order with as few writev calls as the kernel allows.
+bool write_pieces(int fd, const std::vector<std::string_view> &pieces) {
+    std::vector<struct iovec> iov;
+    iov.reserve(pieces.size());
+    for (std::string_view p : pieces) iov.push_back({const_cast<char *>(p.data()), p.size()});
+    size_t next = 0;
+    while (next < iov.size()) {
+        const int count = static_cast<int>(std::min<size_t>(iov.size() - next, IOV_MAX));
+        ssize_t n = ::writev(fd, &iov[next], count);
         if (n < 0) {
             if (errno == EINTR) continue;
             return false;
         }
-        data.remove_prefix(static_cast<size_t>(n));
+        if (n == 0) return false;
+        // Step over what went out; a short write leaves the rest of a piece.
+        auto done = static_cast<size_t>(n);
+        while (next < iov.size() && done >= iov[next].iov_len) done -= iov[next++].iov_len;
+        if (done > 0) {
+            iov[next].iov_base = static_cast<char *>(iov[next].iov_base) + done;
+            iov[next].iov_len -= done;
+        }
     }
     return true;
 }
@@ -117,7 +134,7 @@ int rewrite_file(const char *path, const EditFn &edit) {
         }
     }
 
-    std::string out;
+    Splice out;
     int result = edit(exists, old, out);
     if (result <= 0) return result;
 
@@ -129,7 +146,7 @@ int rewrite_file(const char *path, const EditFn &edit) {
         return -1;
     }
     tmp.path = tmpl;
-    if (!write_all(tfd.get(), out)) {
+    if (!write_pieces(tfd.get(), out.pieces())) {
         QC_FAIL(ERR_WRITE_FAILED);
         return -1;
     }

@@ -6,11 +6,14 @@
 #include "core_internal.hpp"
 
 #include <errno.h>
+#include <string.h>
 
 #include <new>
 #include <unordered_set>
 
 namespace {
+
+using qc::Line;
 
 constexpr const char *kDefaultEntryFormat = "\t%s = %s\n";
 constexpr size_t npos = static_cast<size_t>(-1);
@@ -42,37 +45,70 @@ Parsed classify(std::string_view text) {
     return p;
 }
 
-struct Doc {
-    std::vector<qc::Line> lines;
-    std::vector<Parsed> parsed;
-
-    explicit Doc(std::string_view data) : lines(qc::split_lines(data)) {
-        parsed.reserve(lines.size());
-        for (const auto &l : lines) parsed.push_back(classify(l.text));
-    }
-    size_t find_header(std::string_view name) const {
-        for (size_t i = 0; i < parsed.size(); ++i)
-            if (parsed[i].kind == Kind::Header && parsed[i].name == name) return i;
-        return npos;
-    }
-    // One past the last line of the section whose header is at h.
-    size_t body_end(size_t h) const {
-        for (size_t i = h + 1; i < parsed.size(); ++i)
-            if (parsed[i].kind == Kind::Header) return i;
-        return parsed.size();
-    }
-    // Where a section's trailing blank and comment lines begin: they usually
-    // introduce the next section, so rewrites keep them after the entries.
-    size_t tail_start(size_t h, size_t end) const {
-        size_t i = end;
-        while (i > h + 1 && (parsed[i - 1].kind == Kind::Blank || parsed[i - 1].kind == Kind::Comment)) --i;
-        return i;
-    }
-    void put(std::string &out, size_t i) const { out.append(lines[i].text).append(lines[i].end); }
+// A header line found in the text: where the line starts, where the line
+// after it starts, and the name between the brackets.
+struct Header {
+    size_t start = 0;
+    size_t next = 0;
+    std::string_view name;
 };
 
-void ensure_newline(std::string &out) {
-    if (!out.empty() && out.back() != '\n') out += '\n';
+// Finds the first header line at or after pos, which is the start of a line.
+// Only lines whose first non-blank byte is '[' are looked at, so the scan
+// skips whole sections at memchr speed instead of parsing their entries.
+bool next_header(std::string_view d, size_t pos, Header &h) {
+    const char *base = d.data();
+    const size_t n = d.size();
+    while (pos < n) {
+        const auto *q = static_cast<const char *>(memchr(base + pos, '[', n - pos));
+        if (!q) return false;
+        const size_t open = static_cast<size_t>(q - base);
+        size_t start = open;
+        while (start > pos && base[start - 1] != '\n' && qc::is_blank(static_cast<unsigned char>(base[start - 1])))
+            --start;
+        const bool at_line_start = start == pos || base[start - 1] == '\n';
+        const auto *nl = static_cast<const char *>(memchr(q, '\n', n - open));
+        const size_t line_end = nl ? static_cast<size_t>(nl - base) : n;
+        pos = nl ? line_end + 1 : n;
+        if (!at_line_start) continue;  // no header can start later on this line
+        size_t close = line_end;
+        while (close > open && qc::is_blank(static_cast<unsigned char>(base[close - 1]))) --close;
+        if (close - open >= 2 && base[close - 1] == ']') {
+            h = {start, pos, d.substr(open + 1, close - open - 2)};
+            return true;
+        }
+    }
+    return false;
+}
+
+// The first section of that name.
+bool find_section(std::string_view d, std::string_view name, Header &h) {
+    for (size_t pos = 0; next_header(d, pos, h); pos = h.next)
+        if (h.name == name) return true;
+    return false;
+}
+
+// Where the section whose header is h ends: the start of the next header
+// line, or the end of the text.
+size_t body_end(std::string_view d, const Header &h) {
+    Header next;
+    return next_header(d, h.next, next) ? next.start : d.size();
+}
+
+// Where the section's trailing blank and comment lines begin: they usually
+// introduce the next section, so rewrites keep them after the entries.
+size_t tail_start(std::string_view d, size_t body, size_t end) {
+    size_t tail = npos;
+    Line line;
+    for (size_t pos = body, at = body; pos < end && qc::next_line(d, pos, line); at = pos) {
+        Kind k = classify(line.text).kind;
+        if (k == Kind::Blank || k == Kind::Comment) {
+            if (tail == npos) tail = at;
+        } else {
+            tail = npos;
+        }
+    }
+    return tail == npos ? end : tail;
 }
 
 // Section names and keys as they will be stored and compared; control bytes
@@ -122,17 +158,19 @@ extern "C" QLIBC_API int QLIBCFileGetSection(const char *szFile, const char *szS
             return -1;
         }
         if (read_or_fail(szFile, data) < 0) return -1;
-        Doc doc(data);
-        size_t h = doc.find_header(name);
-        if (h == npos) return 0;
+        Header h;
+        if (!find_section(data, name, h)) return 0;
         if (!*ppHash && !(*ppHash = QLIBCSzHashAlloc(64))) return -1;
         std::unordered_set<std::string_view> seen;
+        std::string key, value;
         int count = 0;
-        for (size_t i = h + 1, end = doc.body_end(h); i < end; ++i) {
-            const Parsed &p = doc.parsed[i];
+        Line line;
+        for (size_t pos = h.next, end = body_end(data, h); pos < end && qc::next_line(data, pos, line);) {
+            const Parsed p = classify(line.text);
             if (p.kind != Kind::Entry || !seen.insert(p.key).second) continue;
-            if (QLIBCSzHashSetValue(ppHash, std::string(p.key).c_str(), std::string(p.value).c_str()) < 0)
-                return -1;
+            key.assign(p.key);
+            value.assign(p.value);
+            if (QLIBCSzHashSetValue(ppHash, key.c_str(), value.c_str()) < 0) return -1;
             ++count;
         }
         return count;
@@ -155,12 +193,13 @@ extern "C" QLIBC_API int QLIBCFileGetSectionValue(const char *szFile, const char
             return -1;
         }
         if (read_or_fail(szFile, data) < 0) return -1;
-        Doc doc(data);
-        size_t h = doc.find_header(name);
-        if (h != npos) {
-            for (size_t i = h + 1, end = doc.body_end(h); i < end; ++i)
-                if (doc.parsed[i].kind == Kind::Entry && doc.parsed[i].key == key)
-                    return qc::copy_out(doc.parsed[i].value, szBuf, cbBuf);
+        Header h;
+        if (find_section(data, name, h)) {
+            Line line;
+            for (size_t pos = h.next, end = body_end(data, h); pos < end && qc::next_line(data, pos, line);) {
+                const Parsed p = classify(line.text);
+                if (p.kind == Kind::Entry && p.key == key) return qc::copy_out(p.value, szBuf, cbBuf);
+            }
         }
         QC_FAIL(ERR_KEY_NOT_FOUND);
         return -1;
@@ -188,11 +227,12 @@ extern "C" QLIBC_API int QLIBCFileAddSection(const char *szFile, const char *szS
             QC_FAIL(ERR_BAD_PARAMETER);
             return -1;
         }
-        return qc::rewrite_file(szFile, [&](bool, const std::string &old, std::string &out) {
-            if (Doc(old).find_header(name) != npos) return 0;
-            out = old;
-            ensure_newline(out);
-            out += block;
+        return qc::rewrite_file(szFile, [&](bool, std::string_view old, qc::Splice &out) {
+            Header h;
+            if (find_section(old, name, h)) return 0;
+            out.keep(old);
+            out.ensure_newline();
+            out.add(std::move(block));
             return 1;
         });
     } catch (const std::bad_alloc &) {
@@ -215,29 +255,28 @@ extern "C" QLIBC_API int QLIBCFileSetSection(const char *szFile, const char *szS
             QC_FAIL(ERR_BAD_PARAMETER);
             return -1;
         }
-        return qc::rewrite_file(szFile, [&](bool exists, const std::string &old, std::string &out) {
+        return qc::rewrite_file(szFile, [&](bool exists, std::string_view old, qc::Splice &out) {
             if (!exists) {
                 QC_FAIL(ERR_OPEN_FAILED);
                 return -1;
             }
-            Doc doc(old);
-            size_t h = doc.find_header(name);
+            Header h, taken;
             // No such section, or a rename onto a name already taken: nothing written.
-            if (h == npos || (new_name != name && doc.find_header(new_name) != npos)) {
+            if (!find_section(old, name, h) || (new_name != name && find_section(old, new_name, taken))) {
                 QC_FAIL(ERR_BAD_PARAMETER);
                 return 0;
             }
-            size_t end = doc.body_end(h);
-            size_t tail = doc.tail_start(h, end);
-            for (size_t i = 0; i < h; ++i) doc.put(out, i);
+            // Everything before the header and from the section's trailing
+            // blank and comment lines on goes out as it stands.
+            out.keep(old.substr(0, h.start));
             if (new_name != name) {
-                out += "[" + new_name + "]\n";
+                out.add("[" + new_name + "]\n");
             } else {
-                doc.put(out, h);
-                ensure_newline(out);
+                out.keep(old.substr(h.start, h.next - h.start));
+                out.ensure_newline();
             }
-            out += entries;
-            for (size_t i = tail; i < doc.lines.size(); ++i) doc.put(out, i);
+            out.add(std::move(entries));
+            out.keep(old.substr(tail_start(old, h.next, body_end(old, h))));
             return 1;
         });
     } catch (const std::bad_alloc &) {
@@ -259,38 +298,46 @@ extern "C" QLIBC_API int QLIBCFileSetSectionValue(const char *szFile, const char
             return -1;
         }
         const std::string new_line = qc::format_line(kDefaultEntryFormat, key, qc::neutralise(szValue));
-        int rc = qc::rewrite_file(szFile, [&](bool exists, const std::string &old, std::string &out) {
+        int rc = qc::rewrite_file(szFile, [&](bool exists, std::string_view old, qc::Splice &out) {
             if (!exists) {
                 QC_FAIL(ERR_OPEN_FAILED);
                 return -1;
             }
-            Doc doc(old);
-            size_t h = doc.find_header(name);
-            if (h == npos) {
+            Header h;
+            if (!find_section(old, name, h)) {
                 QC_FAIL(ERR_BAD_PARAMETER);
                 return -1;
             }
-            size_t end = doc.body_end(h);
-            size_t first = npos;
-            for (size_t i = h + 1; i < end; ++i)
-                if (doc.parsed[i].kind == Kind::Entry && doc.parsed[i].key == key) {
-                    first = i;
+            const size_t end = body_end(old, h);
+            auto is_key = [&](const Line &l) {
+                const Parsed p = classify(l.text);
+                return p.kind == Kind::Entry && p.key == key;
+            };
+            // The new line takes the place of the key's first line, or goes
+            // after the section's last entry.
+            size_t insert_at = npos;
+            Line line;
+            for (size_t pos = h.next, at = pos; pos < end && qc::next_line(old, pos, line); at = pos)
+                if (is_key(line)) {
+                    insert_at = at;
                     break;
                 }
-            size_t insert_at = first == npos ? doc.tail_start(h, end) : first;
-            for (size_t i = 0; i < doc.lines.size(); ++i) {
-                if (i == insert_at) {
-                    ensure_newline(out);
-                    out += new_line;
+            if (insert_at == npos) insert_at = tail_start(old, h.next, end);
+
+            out.keep(old.substr(0, h.next));
+            for (size_t pos = h.next, at = pos; pos < end && qc::next_line(old, pos, line); at = pos) {
+                if (at == insert_at) {
+                    out.ensure_newline();
+                    out.add(new_line);
                 }
                 // The old line of the key and any later duplicates in the section go.
-                if (i > h && i < end && doc.parsed[i].kind == Kind::Entry && doc.parsed[i].key == key) continue;
-                doc.put(out, i);
+                if (!is_key(line)) out.keep(line.whole());
             }
-            if (insert_at >= doc.lines.size()) {
-                ensure_newline(out);
-                out += new_line;
+            if (insert_at == end) {
+                out.ensure_newline();
+                out.add(new_line);
             }
+            out.keep(old.substr(end));
             return 1;
         });
         return rc < 0 ? -1 : 0;

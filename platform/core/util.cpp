@@ -23,21 +23,43 @@ void Fd::reset(int fd) {
     fd_ = fd;
 }
 
-std::vector<Line> split_lines(std::string_view data) {
-    std::vector<Line> lines;
-    size_t pos = 0;
-    while (pos < data.size()) {
-        size_t nl = data.find('\n', pos);
-        if (nl == std::string_view::npos) {
-            lines.push_back({data.substr(pos), {}});
-            break;
-        }
-        size_t text_end = nl;
-        if (text_end > pos && data[text_end - 1] == '\r') --text_end;
-        lines.push_back({data.substr(pos, text_end - pos), data.substr(text_end, nl + 1 - text_end)});
-        pos = nl + 1;
+bool next_line(std::string_view data, size_t &pos, Line &line) {
+    if (pos >= data.size()) return false;
+    const char *begin = data.data() + pos;
+    const size_t left = data.size() - pos;
+    const char *nl = static_cast<const char *>(memchr(begin, '\n', left));
+    if (!nl) {
+        line = {{begin, left}, {}};
+        pos = data.size();
+        return true;
     }
-    return lines;
+    const size_t len = static_cast<size_t>(nl - begin);
+    size_t text = len;
+    if (text > 0 && begin[text - 1] == '\r') --text;
+    line = {{begin, text}, {begin + text, len + 1 - text}};
+    pos += len + 1;
+    return true;
+}
+
+void Splice::keep(std::string_view bytes) {
+    if (bytes.empty()) return;
+    // Bytes that continue the previous piece in memory join it: lines kept
+    // one by one go out as one run.
+    if (!pieces_.empty() && pieces_.back().data() + pieces_.back().size() == bytes.data()) {
+        pieces_.back() = {pieces_.back().data(), pieces_.back().size() + bytes.size()};
+        return;
+    }
+    pieces_.push_back(bytes);
+}
+
+void Splice::add(std::string text) {
+    if (text.empty()) return;
+    owned_.push_back(std::move(text));
+    pieces_.emplace_back(owned_.back());
+}
+
+void Splice::ensure_newline() {
+    if (!pieces_.empty() && pieces_.back().back() != '\n') add("\n");
 }
 
 bool is_blank(unsigned char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f'; }
@@ -102,17 +124,28 @@ int copy_out(std::string_view s, char *buf, int cb) {
 }
 
 int read_whole_fd(int fd, std::string &out) {
-    out.clear();
-    char chunk[65536];
+    // Sized from fstat, a regular file comes in with one read (and one more
+    // that sees its end); files that report no size (/proc) or grow while
+    // being read make the buffer grow.
+    struct stat st {};
+    size_t cap = 4096;
+    if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0) cap = static_cast<size_t>(st.st_size) + 1;
+    out.resize(cap);
+    size_t got = 0;
     for (;;) {
-        ssize_t n = ::read(fd, chunk, sizeof chunk);
+        if (got == out.size()) out.resize(out.size() * 2);
+        ssize_t n = ::read(fd, out.data() + got, out.size() - got);
         if (n < 0) {
             if (errno == EINTR) continue;
-            return errno ? errno : EIO;
+            int err = errno ? errno : EIO;
+            out.clear();
+            return err;
         }
-        if (n == 0) return 0;
-        out.append(chunk, static_cast<size_t>(n));
+        if (n == 0) break;
+        got += static_cast<size_t>(n);
     }
+    out.resize(got);
+    return 0;
 }
 
 int read_whole(const char *path, std::string &out) {

@@ -145,6 +145,26 @@ TEST(KeyValueFile, WritersKeepOtherLinesByteForByte) {
     EXPECT_EQ(qpt::read_file(missing), "lp0=\"1-1\"\n");
 }
 
+// Removing every other line of a large table leaves thousands of separate
+// runs of kept lines to write out.
+TEST(KeyValueFile, ManyScatteredLinesOfOneKey) {
+    const std::string f = scratch("kvscatter") + "/tab";
+    std::string text, kept;
+    for (int i = 0; i < 5000; ++i) {
+        const std::string line = "k" + std::to_string(i) + "=\"" + std::to_string(i) + "\"" + (i % 3 ? "\n" : "\r\n");
+        text += line + "dup=\"" + std::to_string(i) + "\"\n";
+        kept += line;
+    }
+    qpt::write_file(f, text);
+    ASSERT_EQ(QLIBCFileSetKeyValue(f.c_str(), "dup", "one", nullptr), 0);
+    EXPECT_EQ(qpt::read_file(f), kept.substr(0, kept.find('\n') + 1) + "dup=\"one\"\n" +
+                                     kept.substr(kept.find('\n') + 1));
+    qpt::write_file(f, text);
+    ASSERT_EQ(QLIBCFileRemoveKey(f.c_str(), "dup"), 0);
+    EXPECT_EQ(qpt::read_file(f), kept);
+    EXPECT_EQ(get_kv(f, "k4999"), "4999");
+}
+
 TEST(KeyValueFile, KeysAndValuesCannotForgeLines) {
     const std::string f = scratch("kvforge") + "/tab";
     qpt::write_file(f, "lp0=\"1-1\"\n");
@@ -274,6 +294,39 @@ TEST(SectionFile, SetSectionValue) {
     const std::string now = qpt::read_file(f);
     EXPECT_LT(QLIBCFileSetSectionValue(f.c_str(), "absent", "k", "v"), 0);
     EXPECT_EQ(qpt::read_file(f), now);
+}
+
+// Writers copy what lies outside the changed section as whole runs of bytes
+// and find headers by looking only at lines that begin with '['; lines that
+// merely contain a bracketed name must neither be taken for the header nor
+// shift where the copied runs begin and end.
+TEST(SectionFile, HeadersAmongLookalikesInALargeFile) {
+    const std::string f = scratch("seclarge") + "/printer.conf";
+    std::string before;
+    for (int i = 0; i < 2000; ++i)
+        before += "[S" + std::to_string(i) + "]\n\tname = [P]\n\tmode = x[P]\n[P\n  [P]] \n";
+    before += "\tk = v [P]\n";
+    const std::string header = " \t[P] \r\n";
+    const std::string tail = "\n; about T\n";
+    std::string after;
+    for (int i = 0; i < 2000; ++i) after += "[T" + std::to_string(i) + "]\r\n\tname = t\n";
+    qpt::write_file(f, before + header + "\tmode = old\n\tname = p\n" + tail + after);
+
+    EXPECT_EQ(section(f, "P").second, (Map{{"mode", "old"}, {"name", "p"}}));
+    EXPECT_EQ(section(f, "P]").second, Map{});  // "  [P]] " is the header of "P]"
+    EXPECT_EQ(section(f, "S1999").second, (Map{{"name", "[P]"}, {"mode", "x[P]"}}));
+    EXPECT_EQ(section(f, "T1999").second, (Map{{"name", "t"}}));
+
+    PQLIBSZHASH h = make_hash({{"mode", "new"}});
+    ASSERT_EQ(QLIBCFileSetSection(f.c_str(), "P", "P", h, "\t%s = %s\n"), 1);
+    EXPECT_EQ(qpt::read_file(f), before + header + "\tmode = new\n" + tail + after);
+    ASSERT_EQ(QLIBCFileSetSectionValue(f.c_str(), "P", "driver", "d"), 0);
+    EXPECT_EQ(qpt::read_file(f), before + header + "\tmode = new\n\tdriver = d\n" + tail + after);
+    EXPECT_EQ(QLIBCFileAddSection(f.c_str(), "P", h, nullptr), 0);
+    ASSERT_EQ(QLIBCFileAddSection(f.c_str(), "[P]", h, nullptr), 1);
+    EXPECT_EQ(qpt::read_file(f), before + header + "\tmode = new\n\tdriver = d\n" + tail + after +
+                                     "[[P]]\n\tmode = new\n");
+    QLIBCSzHashFree(h);
 }
 
 TEST(SectionFile, HostileNamesKeysAndValuesAreNeutralised) {
