@@ -207,6 +207,9 @@ extern "C" QLIBC_API FILE *QLIBCPopen(const char *szPath, const char *szMode, ..
         QC_FAIL(ERR_BAD_PARAMETER);
         return nullptr;
     }
+    // Callers tell an interrupted read from the end of the output by errno,
+    // so a successful start leaves errno as it found it.
+    const int saved_errno = errno;
     try {
         std::vector<std::string> argv{szPath};
         va_list ap;
@@ -248,6 +251,7 @@ extern "C" QLIBC_API FILE *QLIBCPopen(const char *szPath, const char *szMode, ..
             qc::wait_child(pid, status);
             throw;
         }
+        errno = saved_errno;
         return fp;
     } catch (const std::bad_alloc &) {
         QC_FAIL(ERR_OUT_OF_MEMORY);

@@ -77,6 +77,23 @@ struct TempName {
 
 }  // namespace
 
+namespace {
+
+// True when the pieces, written in order, would reproduce `old` exactly.
+bool same_content(const std::vector<std::string_view> &pieces, std::string_view old) {
+    size_t total = 0;
+    for (std::string_view p : pieces) total += p.size();
+    if (total != old.size()) return false;
+    size_t at = 0;
+    for (std::string_view p : pieces) {
+        if (old.compare(at, p.size(), p) != 0) return false;
+        at += p.size();
+    }
+    return true;
+}
+
+}  // namespace
+
 int rewrite_file(const char *path, const EditFn &edit) {
     std::string target = path;
     // Replace the file a symbolic link points at, not the link.
@@ -137,6 +154,10 @@ int rewrite_file(const char *path, const EditFn &edit) {
     Splice out;
     int result = edit(exists, old, out);
     if (result <= 0) return result;
+    // Writing back the very bytes the file holds would only cost a temp
+    // file, two fsyncs and a rename: re-plugging a known printer rewrites
+    // its section with the values it already has.
+    if (exists && same_content(out.pieces(), old)) return result;
 
     std::string tmpl = dir_prefix + "." + base + ".XXXXXX";
     TempName tmp;
