@@ -93,8 +93,11 @@ extern "C" QLIBC_API int QLIBCFileGetPair(const char *szFile, PQLIBSZHASH *ppHas
         qc::Line line;
         for (size_t pos = 0; qc::next_line(data, pos, line);) {
             KvEntry e;
-            if (!parse_kv(line.text, e) || !seen.insert(e.key).second) continue;
-            key.assign(e.key);
+            if (!parse_kv(line.text, e)) continue;
+            // The hash holds C strings: a key is what precedes a NUL byte in it.
+            const std::string_view k = e.key.substr(0, e.key.find('\0'));
+            if (k.empty() || !seen.insert(k).second) continue;
+            key.assign(k);
             value.assign(e.value);
             if (QLIBCSzHashSetValue(ppHash, key.c_str(), value.c_str()) < 0) return -1;
             ++count;

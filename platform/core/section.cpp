@@ -167,8 +167,11 @@ extern "C" QLIBC_API int QLIBCFileGetSection(const char *szFile, const char *szS
         Line line;
         for (size_t pos = h.next, end = body_end(data, h); pos < end && qc::next_line(data, pos, line);) {
             const Parsed p = classify(line.text);
-            if (p.kind != Kind::Entry || !seen.insert(p.key).second) continue;
-            key.assign(p.key);
+            if (p.kind != Kind::Entry) continue;
+            // The hash holds C strings: a key is what precedes a NUL byte in it.
+            const std::string_view k = p.key.substr(0, p.key.find('\0'));
+            if (k.empty() || !seen.insert(k).second) continue;
+            key.assign(k);
             value.assign(p.value);
             if (QLIBCSzHashSetValue(ppHash, key.c_str(), value.c_str()) < 0) return -1;
             ++count;

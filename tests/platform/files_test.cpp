@@ -218,6 +218,14 @@ TEST(SectionFile, ReadingRules) {
     EXPECT_EQ(section(f, "printers").second["comment"], "All Printers");
     EXPECT_EQ(section(f, "last").second["k"], "no newline");
 
+    // A NUL byte ends a key as the hash sees it, so "k\0x" and "k" are one
+    // key and the count agrees with what the hash holds.
+    const std::string g = f + ".nul";
+    qpt::write_file(g, std::string("[nul]\n\tk\0x = first\n\tk = second\n\t\0 = none\n", 41));
+    auto [nn, nm] = section(g, "nul");
+    EXPECT_EQ(nn, 1);
+    EXPECT_EQ(nm, (Map{{"k", "first"}}));
+
     QLIBCErrSetEx(0, "", 0);
     EXPECT_LT(section(f + ".missing", "printers").first, 0);
     EXPECT_EQ(QLIBCErrGet(), ERR_OPEN_FAILED);
