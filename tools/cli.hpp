@@ -41,4 +41,15 @@ bool take_flag(Args &args, std::string_view flag);
 // Prints usage of one command and returns 1.
 int usage(const Command &cmd);
 
+// A command whose handler answers -1 for wrong arguments (usage is printed),
+// else its exit status.
+Command cmd(std::string name, std::string usage, std::string help, int (*fn)(const Args &));
+
+// Empties the error slot, so that a failure without a code of its own can be
+// told from one that set a code.
+void clear_slot();
+
+// 0 for a zero result, else the failure printed by fail().
+int done(int rc, const char *what);
+
 }  // namespace qpcli

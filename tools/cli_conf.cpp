@@ -11,12 +11,14 @@
 
 namespace {
 
+using qpcli::clear_slot;
+using qpcli::cmd;
+using qpcli::done;
+
 constexpr const char *kPrinterConf = "/usr/qora/etc/printer.conf";
 
 // The library never clears the error slot; the CLI does, so that "not found"
 // (no code) can be told from a failure (a code).
-void clear_slot() { QLIBCErrSetEx(0, "", 0); }
-
 int parse_result(int rc, const char *buf, const char *what) {
     if (rc == 0) {
         std::printf("%s\n", buf);
@@ -184,15 +186,6 @@ int cloud_show(const qpcli::Args &args) {
 }
 
 // Runs a handler; -1 from it means the arguments did not fit the synopsis.
-qpcli::Command cmd(std::string name, std::string usage, std::string help, int (*fn)(const qpcli::Args &)) {
-    qpcli::Command c{std::move(name), std::move(usage), std::move(help), nullptr};
-    c.run = [c, fn](const qpcli::Args &a) {
-        int rc = fn(a);
-        return rc < 0 ? qpcli::usage(c) : rc;
-    };
-    return c;
-}
-
 int stringid_vendor(const qpcli::Args &a) {
     return stringid_field(a, QORAPrinterConfStringIdGetVendor, "stringid vendor");
 }

@@ -11,14 +11,14 @@
 
 namespace {
 
+using qpcli::clear_slot;
+using qpcli::cmd;
+using qpcli::done;
+
 constexpr const char *kPrinterConf = "/usr/qora/etc/printer.conf";
 
 // The library never clears the error slot; the CLI does, so that a failure
 // without a code of its own is not reported with a stale one.
-void clear_slot() { QLIBCErrSetEx(0, "", 0); }
-
-int done(int rc, const char *what) { return rc == 0 ? 0 : qpcli::fail(what); }
-
 template <std::size_t N>
 bool set_field(char (&field)[N], std::string_view text) {
     if (text.size() >= N) return false;
@@ -167,15 +167,6 @@ int spool_clean(const qpcli::Args &a) {
 }
 
 // Runs a handler; -1 from it means the arguments did not fit the synopsis.
-qpcli::Command cmd(std::string name, std::string usage, std::string help, int (*fn)(const qpcli::Args &)) {
-    qpcli::Command c{std::move(name), std::move(usage), std::move(help), nullptr};
-    c.run = [c, fn](const qpcli::Args &a) {
-        int rc = fn(a);
-        return rc < 0 ? qpcli::usage(c) : rc;
-    };
-    return c;
-}
-
 const qpcli::Register reg{{
     cmd("queue add", "ID [--ppd FILE]", "create a USB printer's queue (stopped); prints its name", queue_add),
     cmd("queue add-net", "--ip IP --name Q --backend B [--qname R] [--id ID] [--ppd FILE] | --from ID [--ppd FILE]",

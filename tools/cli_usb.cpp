@@ -10,12 +10,12 @@
 
 namespace {
 
+using qpcli::clear_slot;
+using qpcli::cmd;
+using qpcli::done;
+
 // The library never clears the error slot; a stale code must not be
 // reported for a failure that set none.
-void clear_slot() { QLIBCErrSetEx(0, "", 0); }
-
-int done(int rc, const char *what) { return rc == 0 ? 0 : qpcli::fail(what); }
-
 int attach(const qpcli::Args &a) {
     if (a.size() != 2) return -1;
     clear_slot();
@@ -118,15 +118,6 @@ int usbip_eject(const qpcli::Args &a) {
     if (a.size() != 1) return -1;
     clear_slot();
     return done(QORAPrinterUsbipEject(a[0].c_str()), "usbip eject");
-}
-
-qpcli::Command cmd(std::string name, std::string usage, std::string help, int (*fn)(const qpcli::Args &)) {
-    qpcli::Command c{std::move(name), std::move(usage), std::move(help), nullptr};
-    c.run = [c, fn](const qpcli::Args &a) {
-        int rc = fn(a);
-        return rc < 0 ? qpcli::usage(c) : rc;
-    };
-    return c;
 }
 
 int nptab_add(const qpcli::Args &a) { return nptab(a, 1, "nptab add"); }

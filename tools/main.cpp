@@ -76,6 +76,19 @@ int usage(const Command &cmd) {
     return 1;
 }
 
+Command cmd(std::string name, std::string usage_text, std::string help, int (*fn)(const Args &)) {
+    Command c{std::move(name), std::move(usage_text), std::move(help), nullptr};
+    c.run = [c, fn](const Args &a) {
+        int rc = fn(a);
+        return rc < 0 ? usage(c) : rc;
+    };
+    return c;
+}
+
+void clear_slot() { QLIBCErrSetEx(0, "", 0); }
+
+int done(int rc, const char *what) { return rc == 0 ? 0 : fail(what); }
+
 }  // namespace qpcli
 
 namespace {
