@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdio.h>
 #include <spawn.h>
 #include <stdlib.h>
 #include <string.h>
@@ -25,6 +26,20 @@ bool in_sandbox() {
     const char *v = getenv("QP_SANDBOX");
     return v && strcmp(v, "1") == 0;
 }
+
+namespace {
+
+// Test programs write the appliance's fixed paths, start daemons and mount
+// file systems: outside the sandbox they would do so on this machine.
+struct RefuseToRunOutsideTheSandbox {
+    RefuseToRunOutsideTheSandbox() {
+        if (in_sandbox()) return;
+        fprintf(stderr, "this program changes the appliance's files: run it as qp-sandbox -- PROGRAM\n");
+        _exit(2);
+    }
+} refuse_outside;
+
+}  // namespace
 
 // ---- files ------------------------------------------------------------------
 
