@@ -172,7 +172,11 @@ int cloud_show(const qpcli::Args &args) {
     PrinterGoogleInfo info{};
     clear_slot();
     if (QORAPrinterGoogleInfoGet(&info) != 0) {
-        if (QLIBCErrGet() == 0 && info.szAccount[0] == '\0') {
+        // No account: nothing in the slot, or only the core library's failed
+        // open of a printer.conf that does not exist yet.
+        const unsigned int code = QLIBCErrGet();
+        const bool no_file = code == ERR_OPEN_FAILED && !QLIBCFileExist(kPrinterConf);
+        if ((code == 0 || no_file) && info.szAccount[0] == '\0') {
             std::fprintf(stderr, "cloud show: no account stored\n");
             return 1;
         }
