@@ -269,6 +269,29 @@ TEST_F(UsbAttach, FailedWritesStopWhereTheyHappen) {
     EXPECT_EQ("[global]\n\tworkgroup = W\n[printers]\n", qpt::read_file(kSmb));
 }
 
+TEST_F(UsbAttach, TableThatCannotBeWrittenFailsAndReleasesTheMapLock) {
+    // A directory in the table's place can be neither written nor edited.
+    qpt::mkdirs(kUsbtab);
+    qpt::LogCapture log;
+    EXPECT_EQ(-1, QORAPrinterEnableExt(5, "lp0", "1-1"));
+    EXPECT_EQ(1u, log.count(LOG_ERR, "Set usbtab failed, devname=lp0, device=1-1")) << log.dump();
+    EXPECT_EQ(1u, log.count(LOG_ERR, "/tmp/usbtab update entry lp0=1-1 failed.(action=5)(0x")) << log.dump();
+    EXPECT_FALSE(qpt::exists(kConf));
+    EXPECT_FALSE(qpt::exists(kSmb));
+
+    log.reset();
+    EXPECT_EQ(-1, QORAPrinterEnableExt(0, "lp1", nullptr));
+    EXPECT_EQ(1u, log.count(LOG_ERR, "rm usbtab failed, key=lp1")) << log.dump();
+    EXPECT_EQ(1u, log.count(LOG_ERR, "/tmp/usbtab update entry lp1=")) << log.dump();
+    EXPECT_TRUE(usbrig::events().empty()) << "no notice after a failed removal";
+    EXPECT_EQ(0u, log.count("unlock LOCK_USBIDMAP failed"));
+    rmdir(kUsbtab);
+
+    // Every failure above gave the map lock back.
+    ASSERT_EQ(0, QLIBCFileLock(LOCK_USBIDMAP | LOCK_MODE_EX_WAIT, 1));
+    EXPECT_EQ(0, QLIBCFileUnlock(LOCK_USBIDMAP));
+}
+
 // The USB ID map lock is taken before the configuration lock and held
 // while printer.conf is written.
 TEST_F(UsbAttach, UsbIdMapLockIsTakenBeforeTheConfigurationLock) {
