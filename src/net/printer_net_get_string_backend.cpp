@@ -96,7 +96,8 @@ QP_EXPORT int QORAPrinterNetGetStringBackend(const char *szIP, char *szBackend, 
     }
 
     // The scheme is the text before the first colon; a URI without a colon
-    // has no remainder to take a queue name from.
+    // has no remainder, and the tokeniser refuses the absent text, which
+    // fails the query with the tokeniser's own error.
     const char *szRemainder = nullptr;
     if (char *colon = strchr(szUri, ':')) {
         *colon = '\0';
@@ -122,15 +123,7 @@ QP_EXPORT int QORAPrinterNetGetStringBackend(const char *szIP, char *szBackend, 
         errno = savedErrno;
         return -1;
     }
-    int split = -1;
-    if (szRemainder) {
-        split = QLIBCStrTok(szRemainder, "/", pieces.addr());
-    } else {
-        // Nothing to split: the tokeniser would refuse an absent text, and so
-        // does this query.
-        QP_SET_ERR(ERR_BAD_PARAMETER);
-    }
-    if (split < 0) {
+    if (QLIBCStrTok(szRemainder, "/", pieces.addr()) < 0) {
         QP_LOG_ERR("Failed to QLIBCStrTok" QP_LOWER_FMT, QP_LOWER_ARGS);
         QP_LOG_ERR("Fetch network printer protocol and queue name error." QP_LOWER_FMT, QP_LOWER_ARGS);
         errno = savedErrno;

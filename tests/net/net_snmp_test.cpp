@@ -120,6 +120,10 @@ TEST(RecordedWalk, DeviceUriForms) {
         qpnet::unreplay("snmpwalk-" + agent);
     }
     EXPECT_EQ(log.count(LOG_ERR, "Failed to QLIBCStrTok["), 1u) << log.dump();
+    // The URI without a colon fails in the tokeniser, and the message names
+    // the tokeniser's place, not the query's.
+    EXPECT_EQ(log.count(LOG_ERR, "Failed to QLIBCStrTok[0x0D00 "), 1u) << log.dump();
+    EXPECT_EQ(log.count(LOG_ERR, "Failed to QLIBCStrTok[0x0D00 printer_net_get_string_backend.cpp:"), 0u);
     EXPECT_EQ(log.count(LOG_ERR, "Fetch network printer protocol and queue name error."), 2u);
     EXPECT_EQ(qpt::open_fd_count(), fds);  // every pipe closed, on every path
 }
