@@ -17,8 +17,10 @@ using qpcli::done;
 
 constexpr const char *kPrinterConf = "/usr/qora/etc/printer.conf";
 
-// The library never clears the error slot; the CLI does, so that a failure
-// without a code of its own is not reported with a stale one.
+// Copies text into a fixed-width record field; false when it does not fit
+// with its NUL.  (Each command clears the error slot before its call, since
+// the library never does: a failure without a code of its own would
+// otherwise be reported with a stale one.)
 template <std::size_t N>
 bool set_field(char (&field)[N], std::string_view text) {
     if (text.size() >= N) return false;

@@ -1,10 +1,12 @@
 // CUPS queues against the real scheduler: what lpstat, lpq, printers.conf
 // and the PPD directory show afterwards, the exact argument vectors (seen
 // through recording copies of the tools) and the messages and error codes.
+#include <errno.h>
 #include <grp.h>
 #include <sched.h>
 #include <string.h>
 #include <syslog.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -563,6 +565,26 @@ TEST_F(CupsTest, ScrubDropsUsbBlocksAtomicallyOnlyWhileCupsdIsStopped) {
     EXPECT_EQ(QORAPrinterCupsUsbConfRmAll(), 0);
     EXPECT_FALSE(qpt::exists(qpcups::kPrintersConf));
     EXPECT_EQ(log_.lines().size(), 1u);  // only the refusal above
+}
+
+TEST_F(CupsTest, ScrubThatCannotWriteTheCopyKeepsTheOldFile) {
+    g_cupsd->stop();
+    // A 3-page tmpfs over /etc/cups: the 2-page file fits, its copy does not,
+    // and the stdio buffer makes the failure show only when the copy is flushed.
+    ASSERT_EQ(mount("tmpfs", "/etc/cups", "tmpfs", 0, "size=12k,mode=0755"), 0) << strerror(errno);
+    struct Unmount {
+        ~Unmount() { umount2("/etc/cups", MNT_DETACH); }
+    } unmount;
+    std::string text = "<Printer usbprinter1>\nInfo x\n</Printer>\n";
+    while (text.size() < 7000) text += "# keep this line of the scheduler's own file\n";
+    qpt::write_file(qpcups::kPrintersConf, text, 0600);
+
+    EXPECT_EQ(QORAPrinterCupsUsbConfRmAll(), -1);
+    expect_code(ERR_WRITE_FAILED, "printer_cups_usb_conf_rm_all.cpp");
+    EXPECT_EQ(qpt::read_file(qpcups::kPrintersConf), text);
+    EXPECT_EQ(qpt::run({"/usr/bin/find", "/etc/cups", "-name", "printers.conf.??????"}).out.size(),
+              strlen("/etc/cups/printers.conf.XXXXXX\n"));
+    EXPECT_TRUE(log_.lines().empty());
 }
 
 // ---- printing and jobs ---------------------------------------------------------------------------
