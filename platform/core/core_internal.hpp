@@ -9,6 +9,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -103,6 +104,23 @@ private:
 // The result is edit's result, or -1 with the slot set when the rewrite failed.
 using EditFn = std::function<int(bool exists, std::string_view old, Splice &out)>;
 int rewrite_file(const char *path, const EditFn &edit);
+
+// Fills a caller's hash from the entries of a file, the first line of each
+// key only.  A key ends at a NUL byte, as the hash holds C strings.
+class FirstEntries {
+public:
+    explicit FirstEntries(PQLIBSZHASH *hash) : hash_(hash) {}
+    // -1 when the hash cannot take the entry (the hash set the slot).
+    int add(std::string_view key, std::string_view value);
+    // How many entries went into the hash.
+    int count() const { return count_; }
+
+private:
+    PQLIBSZHASH *hash_;
+    std::unordered_set<std::string_view> seen_;
+    std::string key_, value_;
+    int count_ = 0;
+};
 
 // Entries of a hash in the order their keys were first set.
 const std::vector<std::pair<std::string, std::string>> &hash_items(const QLIBSZHASH *hash);

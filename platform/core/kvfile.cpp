@@ -8,7 +8,6 @@
 #include <errno.h>
 
 #include <new>
-#include <unordered_set>
 
 namespace {
 
@@ -87,22 +86,13 @@ extern "C" QLIBC_API int QLIBCFileGetPair(const char *szFile, PQLIBSZHASH *ppHas
         if (read_file_or_fail(szFile, data) < 0) return -1;
         if (!*ppHash && !(*ppHash = QLIBCSzHashAlloc(64))) return -1;
         // The first line of a key counts, as for QLIBCFileGetKeyValue.
-        std::unordered_set<std::string_view> seen;
-        std::string key, value;
-        int count = 0;
+        qc::FirstEntries entries(ppHash);
         qc::Line line;
         for (size_t pos = 0; qc::next_line(data, pos, line);) {
             KvEntry e;
-            if (!parse_kv(line.text, e)) continue;
-            // The hash holds C strings: a key is what precedes a NUL byte in it.
-            const std::string_view k = e.key.substr(0, e.key.find('\0'));
-            if (k.empty() || !seen.insert(k).second) continue;
-            key.assign(k);
-            value.assign(e.value);
-            if (QLIBCSzHashSetValue(ppHash, key.c_str(), value.c_str()) < 0) return -1;
-            ++count;
+            if (parse_kv(line.text, e) && entries.add(e.key, e.value) < 0) return -1;
         }
-        return count;
+        return entries.count();
     } catch (const std::bad_alloc &) {
         QC_FAIL(ERR_OUT_OF_MEMORY);
         return -1;

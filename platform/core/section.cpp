@@ -9,7 +9,6 @@
 #include <string.h>
 
 #include <new>
-#include <unordered_set>
 
 namespace {
 
@@ -161,22 +160,13 @@ extern "C" QLIBC_API int QLIBCFileGetSection(const char *szFile, const char *szS
         Header h;
         if (!find_section(data, name, h)) return 0;
         if (!*ppHash && !(*ppHash = QLIBCSzHashAlloc(64))) return -1;
-        std::unordered_set<std::string_view> seen;
-        std::string key, value;
-        int count = 0;
+        qc::FirstEntries entries(ppHash);
         Line line;
         for (size_t pos = h.next, end = body_end(data, h); pos < end && qc::next_line(data, pos, line);) {
             const Parsed p = classify(line.text);
-            if (p.kind != Kind::Entry) continue;
-            // The hash holds C strings: a key is what precedes a NUL byte in it.
-            const std::string_view k = p.key.substr(0, p.key.find('\0'));
-            if (k.empty() || !seen.insert(k).second) continue;
-            key.assign(k);
-            value.assign(p.value);
-            if (QLIBCSzHashSetValue(ppHash, key.c_str(), value.c_str()) < 0) return -1;
-            ++count;
+            if (p.kind == Kind::Entry && entries.add(p.key, p.value) < 0) return -1;
         }
-        return count;
+        return entries.count();
     } catch (const std::bad_alloc &) {
         QC_FAIL(ERR_OUT_OF_MEMORY);
         return -1;

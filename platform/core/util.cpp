@@ -169,3 +169,17 @@ int make_dirs(const std::string &dir, mode_t mode) {
 }
 
 }  // namespace qc
+
+namespace qc {
+
+int FirstEntries::add(std::string_view key, std::string_view value) {
+    key = key.substr(0, key.find('\0'));
+    if (key.empty() || !seen_.insert(key).second) return 0;
+    key_.assign(key);
+    value_.assign(value);
+    if (QLIBCSzHashSetValue(hash_, key_.c_str(), value_.c_str()) < 0) return -1;
+    ++count_;
+    return 0;
+}
+
+}  // namespace qc
