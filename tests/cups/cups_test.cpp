@@ -2,13 +2,11 @@
 // and the PPD directory show afterwards, the exact argument vectors (seen
 // through recording copies of the tools) and the messages and error codes.
 #include <errno.h>
-#include <grp.h>
 #include <sched.h>
 #include <string.h>
 #include <syslog.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -30,9 +28,7 @@ using qpcups::Recorder;
 namespace {
 
 constexpr const char *kConf = "/usr/qora/etc/printer.conf";
-const std::string kId1 = "04a9:1827:AAA111";
-const std::string kId2 = "04a9:1827:BBB222";
-const std::string kId3 = "04a9:1827:CCC333";
+const std::string kId1 = "04a9:1827:AAA111", kId2 = "04a9:1827:BBB222", kId3 = "04a9:1827:CCC333";
 
 Cupsd *g_cupsd = nullptr;
 
@@ -63,8 +59,19 @@ std::string stored_name(const std::string &id) {
     return QORAPrinterCupsNameGet(id.c_str(), buf, sizeof buf) == 0 ? buf : "";
 }
 
-double seconds_since(std::chrono::steady_clock::time_point t0) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+// One run of the program per last argument: each({"/usr/bin/lpadmin", "-x"}, {"a", "b"}).
+std::vector<Argv> each(const Argv &head, const std::vector<std::string> &lasts) {
+    std::vector<Argv> runs;
+    for (const std::string &last : lasts) runs.push_back(head), runs.back().push_back(last);
+    return runs;
+}
+
+// lpadmin's arguments for a new queue (-L only with a host name, -P only with a PPD).
+Argv add_argv(const std::string &queue, const std::string &uri, const std::string &host, const std::string &ppd = "") {
+    Argv argv = {"/usr/bin/lpadmin", "-p", queue, "-E", "-v", uri};
+    if (!host.empty()) argv.insert(argv.end(), {"-L", host});
+    if (!ppd.empty()) argv.insert(argv.end(), {"-P", ppd});
+    return argv;
 }
 
 class CupsTest : public ::testing::Test {
@@ -91,32 +98,40 @@ protected:
     int fds_ = 0;
 };
 
-// ---- lookup -------------------------------------------------------------------
-
-TEST_F(CupsTest, NameCheckRefusesBadArgumentsAndTreatsStoppedServiceAsNoQueue) {
-    struct {
-        const char *id, *name, *check;
-    } cases[] = {{nullptr, "q", "((void *)0) != szPrinterId"},
-                 {"", "q", "0 != szPrinterId[0]"},
-                 {"id", nullptr, "((void *)0) != szCupsPrinterName"},
-                 {"", nullptr, "0 != szPrinterId[0]"},
-                 {"id", "", "0 != szCupsPrinterName[0]"}};
-    for (const auto &c : cases) {
+// Quiet checks log nothing; the others log one line naming the failed check.
+TEST_F(CupsTest, BadArgumentsSetTheCodeWithTheFunctionsOwnFile) {
+    struct Row {
+        int (*call)();
+        const char *file, *check;
+    } rows[] = {
+        {[] { return QORAPrinterCupsNameCheck(nullptr, "q"); }, "printer_cups_name_check.cpp",
+         "((void *)0) != szPrinterId"},
+        {[] { return QORAPrinterCupsNameCheck("id", ""); }, "printer_cups_name_check.cpp", "0 != szCupsPrinterName[0]"},
+        {[] { return printer_backup_ppd(qpcups::kPpdPxlMono, ""); }, "printer_backup_ppd.cpp", "0 != szPrinterId[0]"},
+        {[] { return QORAPrinterNetCupsAdd(nullptr, nullptr); }, "printer_net_cups_add.cpp", "((void *)0) != pNPConf"},
+        {[] { return QORAPrinterCupsRmByName(""); }, "printer_cups_printer_rm_by_name.cpp", "0 != szCupsPrinterName[0]"},
+        {[] { return QORAPrinterCupsPrinterEnable("", 1); }, "printer_cups_printer_enable.cpp", nullptr},
+        {[] { return QORAPrinterCupsAdd(nullptr, nullptr); }, "printer_cups_printer_add.cpp", nullptr},
+        {[] { return QORAPrinterCupsPrintTestPage(""); }, "printer_cups_print_test_page.cpp", nullptr},
+        {[] { return QORAPrinterCupsJobWaitComplete(kId1.c_str(), nullptr); }, "printer_cups_job_wait_complete.cpp",
+         nullptr},
+    };
+    for (const Row &row : rows) {
         log_.reset();
-        EXPECT_EQ(QORAPrinterCupsNameCheck(c.id, c.name), -1) << c.check;
-        expect_code(ERR_BAD_PARAMETER, "printer_cups_name_check.cpp");
-        auto lines = log_.lines();
-        ASSERT_EQ(lines.size(), 1u) << c.check;
-        EXPECT_NE(lines[0].text.find(std::string("Invaild Argument (") + c.check + ")=[0]"), std::string::npos);
+        EXPECT_EQ(row.call(), -1) << row.file;
+        expect_code(ERR_BAD_PARAMETER, row.file);
+        const std::vector<qpt::LogLine> lines = log_.lines();
+        ASSERT_EQ(lines.size(), row.check ? 1u : 0u) << log_.dump();
+        if (row.check) {
+            EXPECT_EQ(lines[0].text.rfind(std::string(row.file) + ":", 0), 0u) << lines[0].text;
+            EXPECT_NE(lines[0].text.find(std::string("Invaild Argument (") + row.check + ")=[0]"), std::string::npos);
+        }
     }
-
-    Recorder lpstat("/usr/bin/lpstat");
-    g_cupsd->stop();
-    log_.reset();
-    EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter1"), 0);
-    EXPECT_EQ(log_.count(LOG_ERR, "cupsd is not running."), 1u);
-    EXPECT_TRUE(lpstat.runs().empty());
+    EXPECT_EQ(QORACupsGetPPD(nullptr), nullptr);
+    expect_code(ERR_BAD_PARAMETER, "printer_cups_get_ppd.cpp");
 }
+
+// ---- lookup -------------------------------------------------------------------
 
 TEST_F(CupsTest, NameCheckIsDecidedByTheFirstListingLineHoldingTheName) {
     ASSERT_TRUE(Cupsd::add_queue("usbprinter1", usb_uri(kId1)));
@@ -135,6 +150,13 @@ TEST_F(CupsTest, NameCheckIsDecidedByTheFirstListingLineHoldingTheName) {
     EXPECT_EQ(QORAPrinterCupsNameCheck("04a9:1827:zeta9", "zeta"), 1);
     EXPECT_EQ(QORAPrinterCupsNameCheck("10.0.0.9-zeta", "zeta"), 2);
     EXPECT_TRUE(log_.lines().empty());
+
+    // A stopped service has no queues and is not asked.
+    Recorder lpstat("/usr/bin/lpstat");
+    g_cupsd->stop();
+    EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter1"), 0);
+    EXPECT_EQ(log_.count(LOG_ERR, "cupsd is not running."), 1u);
+    EXPECT_TRUE(lpstat.runs().empty());
 }
 
 TEST_F(CupsTest, NameCheckReadsLongLinesInPiecesAndRetriesAFailedListing) {
@@ -159,7 +181,7 @@ TEST_F(CupsTest, NameCheckReadsLongLinesInPiecesAndRetriesAFailedListing) {
     unlink("/usr/bin/lpstat");
     auto t0 = std::chrono::steady_clock::now();
     EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter1"), -1);
-    EXPECT_LT(seconds_since(t0), 2.0);
+    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count(), 2.0);
     expect_code(ERR_EXTERNAL_FAILED, "printer_cups_name_check.cpp");
 }
 
@@ -169,28 +191,20 @@ TEST_F(CupsTest, EnableSwitchesUsbprinter1WithItsTwin) {
     for (const char *q : {"usbprinter1", "usbprinter", "usbprinter2"}) ASSERT_TRUE(Cupsd::add_queue(q, usb_uri(kId1)));
     Recorder disable("/usr/bin/cupsdisable", "/usr/sbin/cupsdisable");
 
+    // Only the name usbprinter1, in any case, has a twin.
     EXPECT_EQ(QORAPrinterCupsPrinterEnable("UsbPrinter1", 0), 0);
-    EXPECT_EQ(disable.runs(), (std::vector<Argv>{{"/usr/bin/cupsdisable", "UsbPrinter1"},
-                                                 {"/usr/bin/cupsdisable", "usbprinter"}}));
-    EXPECT_TRUE(Cupsd::is_stopped("usbprinter1"));
-    EXPECT_TRUE(Cupsd::is_stopped("usbprinter"));
-    EXPECT_FALSE(Cupsd::is_stopped("usbprinter2"));
-
-    disable.forget();
     EXPECT_EQ(QORAPrinterCupsPrinterEnable("usbprinter2", 0), 0);
     EXPECT_EQ(QORAPrinterCupsPrinterEnable("usbprinter", 0), 0);
-    EXPECT_EQ(disable.runs(),
-              (std::vector<Argv>{{"/usr/bin/cupsdisable", "usbprinter2"}, {"/usr/bin/cupsdisable", "usbprinter"}}));
-
+    EXPECT_EQ(disable.runs(), each({"/usr/bin/cupsdisable"}, {"UsbPrinter1", "usbprinter", "usbprinter2", "usbprinter"}));
     EXPECT_EQ(QORAPrinterCupsPrinterEnable("usbprinter1", 1), 0);
     EXPECT_FALSE(Cupsd::is_stopped("usbprinter1"));
     EXPECT_FALSE(Cupsd::is_stopped("usbprinter"));
+    EXPECT_TRUE(Cupsd::is_stopped("usbprinter2"));
     EXPECT_TRUE(log_.lines().empty());
 
     // The twin's failure is reported after usbprinter1 was switched.
     Cupsd::remove_all_queues();
     ASSERT_TRUE(Cupsd::add_queue("usbprinter1", usb_uri(kId1)));
-    disable.forget();
     EXPECT_EQ(QORAPrinterCupsPrinterEnable("usbprinter1", 0), -1);
     EXPECT_TRUE(Cupsd::is_stopped("usbprinter1"));
     EXPECT_EQ(log_.count(LOG_ERR, "run cmd failed, cmd=[/usr/bin/cupsdisable usbprinter], ret=1"), 1u);
@@ -199,14 +213,7 @@ TEST_F(CupsTest, EnableSwitchesUsbprinter1WithItsTwin) {
     disable.forget();
     EXPECT_EQ(QORAPrinterCupsPrinterEnable("no such queue", 0), -1);
     EXPECT_EQ(QORAPrinterCupsPrinterEnable(std::string(200, 'q').c_str(), 0), -1);
-    EXPECT_EQ(disable.runs(), (std::vector<Argv>{{"/usr/bin/cupsdisable", "no such queue"},
-                                                 {"/usr/bin/cupsdisable", std::string(127, 'q')}}));
-
-    log_.reset();
-    EXPECT_EQ(QORAPrinterCupsPrinterEnable(nullptr, 1), -1);
-    EXPECT_EQ(QORAPrinterCupsPrinterEnable("", 1), -1);
-    expect_code(ERR_BAD_PARAMETER, "printer_cups_printer_enable.cpp");
-    EXPECT_TRUE(log_.lines().empty());
+    EXPECT_EQ(disable.runs(), each({"/usr/bin/cupsdisable"}, {"no such queue", std::string(127, 'q')}));
 }
 
 // ---- PPD files ------------------------------------------------------------------------
@@ -214,32 +221,29 @@ TEST_F(CupsTest, EnableSwitchesUsbprinter1WithItsTwin) {
 TEST_F(CupsTest, GetPpdReturnsTheWholeFileOrNullWithTheReason) {
     const std::string real = qpt::read_file(qpcups::kPpdGeneric);
     ASSERT_FALSE(real.empty());
-    qpt::write_file("/etc/cups/ppd/model.ppd", real);
-    qpt::write_file("/etc/cups/ppd/tail.ppd", "*PPD-Adobe: \"4.3\"\n*Last: \"no newline\"");
-    qpt::write_file("/etc/cups/ppd/empty.ppd", "");
-    qpt::write_file("/etc/cups/ppd/.ppd", "unnamed\n");
-    qpt::mkdirs("/etc/cups/ppd/dir.ppd");
-
-    char *text = QORACupsGetPPD("model");
-    ASSERT_NE(text, nullptr);
-    EXPECT_EQ(std::string(text), real);
-    free(text);
-    text = QORACupsGetPPD("tail");
-    ASSERT_NE(text, nullptr);
-    EXPECT_STREQ(text, "*PPD-Adobe: \"4.3\"\n*Last: \"no newline\"");
-    free(text);
-    text = QORACupsGetPPD("");
-    ASSERT_NE(text, nullptr);
-    EXPECT_STREQ(text, "unnamed\n");
-    free(text);
-
-    EXPECT_EQ(QORACupsGetPPD("empty"), nullptr);
-    EXPECT_EQ(QORACupsGetPPD("missing"), nullptr);
-    expect_code(ERR_OPEN_FAILED, "printer_cups_get_ppd.cpp");
-    EXPECT_EQ(QORACupsGetPPD("dir"), nullptr);
-    expect_code(ERR_READ_FAILED, "printer_cups_get_ppd.cpp");
-    EXPECT_EQ(QORACupsGetPPD(nullptr), nullptr);
-    expect_code(ERR_BAD_PARAMETER, "printer_cups_get_ppd.cpp");
+    struct Row {
+        const char *name;
+        std::string text;  // "" for NULL
+        unsigned code;
+    } rows[] = {
+        {"model", real, 0},
+        {"tail", "*PPD-Adobe: \"4.3\"\n*Last: \"no newline\"", 0},
+        {"", "unnamed\n", 0},
+        {"empty", "", 0},  // no text, no error
+        {"missing", "", ERR_OPEN_FAILED},
+        {"dir", "", ERR_READ_FAILED},
+    };
+    for (const Row &row : rows) {
+        const std::string path = std::string("/etc/cups/ppd/") + row.name + ".ppd";
+        if (row.code == 0) qpt::write_file(path, row.text);
+        if (row.code == ERR_READ_FAILED) qpt::mkdirs(path);
+        QLIBCErrSetEx(0, "", 0);
+        char *text = QORACupsGetPPD(row.name);
+        EXPECT_EQ(text ? std::string(text) : "", row.text) << row.name;
+        EXPECT_EQ(text == nullptr, row.text.empty()) << row.name;
+        free(text);
+        EXPECT_EQ(QLIBCErrGet(), row.code) << row.name;
+    }
     EXPECT_TRUE(log_.lines().empty());
 }
 
@@ -255,10 +259,6 @@ TEST_F(CupsTest, PpdCopyCreatesTheDirectoryAndReplacesAnOldCopy) {
     expect_code(ERR_EXTERNAL_FAILED, "printer_backup_ppd.cpp");
     EXPECT_EQ(log_.count(LOG_ERR, ("cp -f /nope.ppd /etc/cups/ppd/" + kId1 + ".ppd failed").c_str()), 1u);
     EXPECT_EQ(qpt::read_file("/etc/cups/ppd/" + kId1 + ".ppd"), qpt::read_file(qpcups::kPpdPxlMono));
-
-    log_.reset();
-    EXPECT_EQ(printer_backup_ppd(qpcups::kPpdPxlMono, ""), -1);
-    EXPECT_EQ(log_.count("Invaild Argument (0 != szPrinterId[0])=[0]"), 1u);
 }
 
 // ---- USB queue creation -----------------------------------------------------------------
@@ -270,20 +270,13 @@ TEST_F(CupsTest, AddGivesUsbprinter1ThenUsbprinter2AndRefusesAThird) {
     ASSERT_FALSE(host.empty());
 
     ASSERT_EQ(QORAPrinterCupsAdd(kId1.c_str(), nullptr), 0);
-    Argv first = {"/usr/bin/lpadmin", "-p", "usbprinter1", "-E", "-v", usb_uri(kId1), "-L", host};
-    Argv twin = first;
-    twin[2] = "usbprinter";
-    EXPECT_EQ(lpadmin.runs(), (std::vector<Argv>{first, twin}));
+    EXPECT_EQ(lpadmin.runs(), (std::vector<Argv>{add_argv("usbprinter1", usb_uri(kId1), host),
+                                                 add_argv("usbprinter", usb_uri(kId1), host)}));
     // Stopping usbprinter1 also stops its twin, which does not exist yet.
-    EXPECT_EQ(disable.runs(), (std::vector<Argv>{{"/usr/bin/cupsdisable", "usbprinter1"},
-                                                 {"/usr/bin/cupsdisable", "usbprinter"},
-                                                 {"/usr/bin/cupsdisable", "usbprinter"}}));
+    EXPECT_EQ(disable.runs(), each({"/usr/bin/cupsdisable"}, {"usbprinter1", "usbprinter", "usbprinter"}));
     EXPECT_EQ(log_.count(("disable printer=" + kId1 + " failed").c_str()), 1u);
     EXPECT_EQ(log_.count("add cups printer=usbprinter1, ok"), 1u);
     EXPECT_EQ(log_.count("add cups printer=usbprinter, ok"), 1u);
-    EXPECT_EQ(Cupsd::uri_of("usbprinter1"), usb_uri(kId1));
-    EXPECT_EQ(Cupsd::uri_of("usbprinter"), usb_uri(kId1));
-    EXPECT_TRUE(Cupsd::is_stopped("usbprinter1"));
     EXPECT_TRUE(Cupsd::is_stopped("usbprinter"));
     EXPECT_EQ(stored_name(kId1), "usbprinter1");
 
@@ -293,17 +286,14 @@ TEST_F(CupsTest, AddGivesUsbprinter1ThenUsbprinter2AndRefusesAThird) {
     qpt::write_file(ppd, qpt::read_file(qpcups::kPpdGeneric));
     lpadmin.forget();
     ASSERT_EQ(QORAPrinterCupsAdd(kId2.c_str(), ppd.c_str()), 0);
-    EXPECT_EQ(lpadmin.runs(), (std::vector<Argv>{{"/usr/bin/lpadmin", "-p", "usbprinter2", "-E", "-v", usb_uri(kId2),
-                                                  "-L", host, "-P", ppd}}));
+    EXPECT_EQ(lpadmin.runs(), std::vector<Argv>{add_argv("usbprinter2", usb_uri(kId2), host, ppd)});
     EXPECT_EQ(qpt::read_file("/etc/cups/ppd/" + kId2 + ".ppd"), qpt::read_file(ppd));
-    EXPECT_TRUE(qpt::exists("/etc/cups/ppd/usbprinter2.ppd"));
     EXPECT_TRUE(Cupsd::is_stopped("usbprinter2"));
     EXPECT_EQ(stored_name(kId2), "usbprinter2");
 
     // Both names taken: nothing changes.
     const std::string conf = qpt::read_file(kConf);
     lpadmin.forget();
-    log_.reset();
     EXPECT_EQ(QORAPrinterCupsAdd(kId3.c_str(), nullptr), -1);
     EXPECT_EQ(log_.count(("cannot find cups printer name, printer=" + kId3).c_str()), 1u);
     EXPECT_TRUE(lpadmin.runs().empty());
@@ -312,9 +302,8 @@ TEST_F(CupsTest, AddGivesUsbprinter1ThenUsbprinter2AndRefusesAThird) {
     // Re-created without a PPD, the second printer keeps its name and its kept PPD.
     ASSERT_EQ(qpt::run({"/usr/sbin/lpadmin", "-x", "usbprinter2"}).status, 0);
     ASSERT_EQ(QORAPrinterCupsAdd(kId2.c_str(), ""), 0);
-    EXPECT_EQ(lpadmin.runs(), (std::vector<Argv>{{"/usr/bin/lpadmin", "-p", "usbprinter2", "-E", "-v", usb_uri(kId2),
-                                                  "-L", host, "-P", "/etc/cups/ppd/" + kId2 + ".ppd"}}));
-    EXPECT_EQ(Cupsd::uri_of("usbprinter2"), usb_uri(kId2));
+    EXPECT_EQ(lpadmin.runs(),
+              std::vector<Argv>{add_argv("usbprinter2", usb_uri(kId2), host, "/etc/cups/ppd/" + kId2 + ".ppd")});
 }
 
 TEST_F(CupsTest, AddKeepsAValidStoredNameAndReplacesOneThatMovedAway) {
@@ -350,7 +339,6 @@ TEST_F(CupsTest, AddRetriesLpadminAndFailsOnBadPpdPaths) {
     EXPECT_EQ(log_.count("add cups printer=usbprinter1, retry(2) ... /usr/bin/lpadmin [1]"), 1u);
     EXPECT_EQ(log_.count("add cups printer=usbprinter1, retry(1) ... /usr/bin/lpadmin [1]"), 1u);
     EXPECT_EQ(log_.count("retry("), 2u);
-    EXPECT_TRUE(Cupsd::has_queue("usbprinter"));
 
     // A missing PPD stops the call after the name was stored.
     lpadmin.forget();
@@ -380,10 +368,8 @@ TEST_F(CupsTest, AddStartsTheServiceAndChecksTheIdAfterwards) {
         ASSERT_EQ(QORAPrinterCupsAdd(kId1.c_str(), nullptr), 0);
         EXPECT_EQ(cupsd.runs(), (std::vector<Argv>{{"/usr/sbin/cupsd"}}));
     }
-    EXPECT_GT(Cupsd::find_pid(), 0);
     EXPECT_TRUE(Cupsd::has_queue("usbprinter1"));
 
-    // Failing to start.
     g_cupsd->stop();
     {
         Recorder cupsd("/usr/sbin/cupsd");
@@ -402,11 +388,6 @@ TEST_F(CupsTest, AddStartsTheServiceAndChecksTheIdAfterwards) {
     EXPECT_NE(lines[0].text.find("Invaild Argument (0 != szPrinterId[0])=[0]"), std::string::npos);
     EXPECT_NE(lines[1].text.find("cannot find cups printer name, printer="), std::string::npos);
     EXPECT_GT(Cupsd::find_pid(), 0);
-
-    log_.reset();
-    EXPECT_EQ(QORAPrinterCupsAdd(nullptr, nullptr), -1);
-    expect_code(ERR_BAD_PARAMETER, "printer_cups_printer_add.cpp");
-    EXPECT_TRUE(log_.lines().empty());
 }
 
 TEST_F(CupsTest, AddWithoutHostNamePutsThePpdRightAfterTheUri) {
@@ -420,8 +401,6 @@ TEST_F(CupsTest, AddWithoutHostNamePutsThePpdRightAfterTheUri) {
     EXPECT_EQ(lpadmin.runs(), (std::vector<Argv>{{"/usr/bin/lpadmin", "-p", "usbprinter1", "-E", "-v", usb_uri(kId2),
                                                   "-P", qpcups::kPpdPxlMono},
                                                  {"/usr/bin/lpadmin", "-p", "usbprinter", "-E", "-v", usb_uri(kId2)}}));
-    EXPECT_TRUE(qpt::exists("/etc/cups/ppd/usbprinter1.ppd"));
-    EXPECT_FALSE(qpt::exists("/etc/cups/ppd/usbprinter.ppd"));
 }
 
 // ---- network queue creation -----------------------------------------------------------------
@@ -434,7 +413,6 @@ TEST_F(CupsTest, NetAddBuildsTheUriFromTheRecordAndKeepsThePpdByPrinterId) {
     strcpy(conf.szBackend, "ipp");
     strcpy(conf.szQName, "printers/lab");
     strcpy(conf.szPrinterId, "192.168.1.20-lab");
-    const std::string host = host_name();
 
     ASSERT_EQ(QORAPrinterNetCupsAdd(&conf, qpcups::kPpdGeneric), 0);
     EXPECT_EQ(Cupsd::uri_of("lab"), "ipp://192.168.1.20/printers/lab");
@@ -448,9 +426,8 @@ TEST_F(CupsTest, NetAddBuildsTheUriFromTheRecordAndKeepsThePpdByPrinterId) {
     conf.szQName[0] = 0;
     lpadmin.forget();
     ASSERT_EQ(QORAPrinterNetCupsAdd(&conf, nullptr), 0);
-    EXPECT_EQ(lpadmin.runs(), (std::vector<Argv>{{"/usr/bin/lpadmin", "-p", "lab", "-E", "-v", "socket://192.168.1.20/",
-                                                  "-L", host, "-P", "/etc/cups/ppd/192.168.1.20-lab.ppd"}}));
-    EXPECT_EQ(Cupsd::uri_of("lab"), "socket://192.168.1.20/");
+    EXPECT_EQ(lpadmin.runs(), std::vector<Argv>{add_argv("lab", "socket://192.168.1.20/", host_name(),
+                                                         "/etc/cups/ppd/192.168.1.20-lab.ppd")});
 
     // The service is started when it is down.
     g_cupsd->stop();
@@ -458,12 +435,9 @@ TEST_F(CupsTest, NetAddBuildsTheUriFromTheRecordAndKeepsThePpdByPrinterId) {
     ASSERT_EQ(QORAPrinterNetCupsAdd(&conf, nullptr), 0);
     EXPECT_TRUE(Cupsd::has_queue("lab2"));
 
-    log_.reset();
     conf.szCupsPrinterName[0] = 0;
     EXPECT_EQ(QORAPrinterNetCupsAdd(&conf, nullptr), -1);
     EXPECT_EQ(log_.count("cannot find cups printer name, printer=192.168.1.20-lab"), 1u);
-    EXPECT_EQ(QORAPrinterNetCupsAdd(nullptr, nullptr), -1);
-    EXPECT_EQ(log_.count("Invaild Argument (((void *)0) != pNPConf)=[0]"), 1u);
 }
 
 // ---- removal ------------------------------------------------------------------------------------
@@ -482,9 +456,7 @@ TEST_F(CupsTest, RemovalTakesTheTwinAndOnlyTheQueueOfThisPrinter) {
     EXPECT_EQ(QORAPrinterCupsRm(kId3.c_str()), -1);  // nothing stored
 
     ASSERT_EQ(QORAPrinterCupsRm(kId1.c_str()), 0);
-    EXPECT_EQ(lpadmin.runs(), (std::vector<Argv>{{"/usr/bin/lpadmin", "-x", "usbprinter1"},
-                                                 {"/usr/bin/lpadmin", "-x", "usbprinter"}}));
-    EXPECT_EQ(Cupsd::queues().size(), 1u);
+    EXPECT_EQ(lpadmin.runs(), each({"/usr/bin/lpadmin", "-x"}, {"usbprinter1", "usbprinter"}));
     EXPECT_EQ(stored_name(kId1), "usbprinter1");  // the key stays
 
     // By name: only the exact "usbprinter1" has a twin; a missing queue
@@ -492,8 +464,7 @@ TEST_F(CupsTest, RemovalTakesTheTwinAndOnlyTheQueueOfThisPrinter) {
     lpadmin.forget();
     EXPECT_EQ(QORAPrinterCupsRmByName("USBprinter1"), 0);
     EXPECT_EQ(QORAPrinterCupsRmByName("usbprinter2"), 0);
-    EXPECT_EQ(lpadmin.runs(), (std::vector<Argv>{{"/usr/bin/lpadmin", "-x", "USBprinter1"},
-                                                 {"/usr/bin/lpadmin", "-x", "usbprinter2"}}));
+    EXPECT_EQ(lpadmin.runs(), each({"/usr/bin/lpadmin", "-x"}, {"USBprinter1", "usbprinter2"}));
     EXPECT_TRUE(Cupsd::queues().empty());
 
     // Network printers: by stored name, without a listing check.
@@ -507,16 +478,12 @@ TEST_F(CupsTest, RemovalTakesTheTwinAndOnlyTheQueueOfThisPrinter) {
 
     // lpadmin that cannot run at all.
     unlink("/usr/bin/lpadmin");
-    log_.reset();
     EXPECT_EQ(QORAPrinterCupsRmByName("usbprinter1"), -1);
     EXPECT_EQ(log_.count("Execute error, cmd=/usr/bin/lpadmin -x usbprinter1"), 1u);
-    EXPECT_EQ(QORAPrinterCupsRmByName(""), -1);
-    EXPECT_EQ(log_.count("Invaild Argument (0 != szCupsPrinterName[0])=[0]"), 1u);
 }
 
 TEST_F(CupsTest, ScrubDropsUsbBlocksAtomicallyOnlyWhileCupsdIsStopped) {
-    ASSERT_TRUE(Cupsd::add_queue("usbprinter1", usb_uri(kId1)));
-    ASSERT_TRUE(Cupsd::add_queue("usbprinter", usb_uri(kId1)));
+    for (const char *q : {"usbprinter1", "usbprinter"}) ASSERT_TRUE(Cupsd::add_queue(q, usb_uri(kId1)));
     ASSERT_TRUE(Cupsd::add_queue("usbprinter10", usb_uri(kId3)));
     ASSERT_TRUE(Cupsd::add_queue("office", "socket://10.0.0.3/"));
     ASSERT_TRUE(Cupsd::wait_printers_conf("<Printer office>", true));
@@ -529,14 +496,7 @@ TEST_F(CupsTest, ScrubDropsUsbBlocksAtomicallyOnlyWhileCupsdIsStopped) {
 
     // The scheduler's own file: after a restart only the other queues remain.
     g_cupsd->stop();
-    struct stat before = {};
-    ASSERT_EQ(stat(qpcups::kPrintersConf, &before), 0);
     ASSERT_EQ(QORAPrinterCupsUsbConfRmAll(), 0);
-    struct stat after = {};
-    ASSERT_EQ(stat(qpcups::kPrintersConf, &after), 0);
-    EXPECT_EQ(after.st_mode, before.st_mode);
-    EXPECT_EQ(after.st_uid, before.st_uid);
-    EXPECT_EQ(after.st_gid, before.st_gid);
     ASSERT_TRUE(g_cupsd->start());
     std::vector<std::string> names;
     for (const auto &q : Cupsd::queues()) names.push_back(q.name);
@@ -544,7 +504,8 @@ TEST_F(CupsTest, ScrubDropsUsbBlocksAtomicallyOnlyWhileCupsdIsStopped) {
     g_cupsd->stop();
 
     // Odd files: indented and other tags are copied, CRLF lines are matched,
-    // a long line is cut in pieces, an unclosed block runs to the end.
+    // a long line is cut in pieces, an unclosed block runs to the end; the
+    // file keeps its mode and owner.
     const std::string pieces = std::string(1023, 'x') + "<Printer usbprinter2>\n";
     qpt::write_file(qpcups::kPrintersConf,
                     "# head\r\n<Printer usbprinter>\r\nInfo a\r\n</Printer>\r\n  <Printer usbprinter1>\nkeep1\n"
@@ -556,6 +517,7 @@ TEST_F(CupsTest, ScrubDropsUsbBlocksAtomicallyOnlyWhileCupsdIsStopped) {
     EXPECT_EQ(qpt::read_file(qpcups::kPrintersConf),
               "# head\r\n  <Printer usbprinter1>\nkeep1\n</Printer>\n<Class usbprinter2>\nkeep2\n</Class>\n" +
                   std::string(1023, 'x') + "keep3\n");
+    struct stat after = {};
     ASSERT_EQ(stat(qpcups::kPrintersConf, &after), 0);
     EXPECT_EQ(after.st_mode & 07777, 0600u);
     EXPECT_EQ(after.st_gid, 7u);
@@ -599,13 +561,11 @@ TEST_F(CupsTest, PrintSubmitsToTheStoredQueueAndJobWaitSeesTheJob) {
     ASSERT_EQ(QORAPrinterCupsPrintFile(kId1.c_str(), "/tmp/job one.txt", "Quarterly", 1), 0);
     ASSERT_EQ(QORAPrinterCupsPrintFile(kId1.c_str(), "/usr/share/cups/data/testprint", "", 2), 0);
     ASSERT_EQ(QORAPrinterCupsPrintTestPage(kId1.c_str()), 0);
-    EXPECT_EQ(lpr.runs(),
-              (std::vector<Argv>{
-                  {"/usr/bin/lpr", "-P", "usbprinter2", "-r", "-T", "Quarterly", "/tmp/job one.txt"},
-                  {"/usr/bin/lpr", "-P", "usbprinter2", "/usr/share/cups/data/testprint"},
-                  {"/usr/bin/lpr", "-P", "usbprinter2", "/usr/share/cups/data/testprint"}}));
+    EXPECT_EQ(lpr.runs(), (std::vector<Argv>{
+                              {"/usr/bin/lpr", "-P", "usbprinter2", "-r", "-T", "Quarterly", "/tmp/job one.txt"},
+                              {"/usr/bin/lpr", "-P", "usbprinter2", "/usr/share/cups/data/testprint"},
+                              {"/usr/bin/lpr", "-P", "usbprinter2", "/usr/share/cups/data/testprint"}}));
     EXPECT_FALSE(qpt::exists("/tmp/job one.txt"));  // submitted with -r
-    EXPECT_TRUE(qpt::exists("/usr/share/cups/data/testprint"));
 
     // The stopped queue holds the jobs; "819" is no job ID, but lpq shows
     // the first job's size as "8192 bytes".
@@ -618,7 +578,7 @@ TEST_F(CupsTest, PrintSubmitsToTheStoredQueueAndJobWaitSeesTheJob) {
     ASSERT_EQ(qpt::run({"/usr/bin/cancel", "-a", "usbprinter2"}).status, 0);
     EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), jobs[0].c_str()), 0);
 
-    // Failures.
+    // A printer without a stored queue, and a stored queue that is gone.
     log_.reset();
     lpr.forget();
     EXPECT_EQ(QORAPrinterCupsPrintFile(kId2.c_str(), "/etc/hostname", nullptr, 0), -1);
@@ -633,13 +593,6 @@ TEST_F(CupsTest, PrintSubmitsToTheStoredQueueAndJobWaitSeesTheJob) {
     // The lookup logs this too, for the print above and for the wait.
     EXPECT_EQ(log_.count(("get cups printer name failed, printer=" + kId2).c_str()), 3u);
 
-    log_.reset();
-    EXPECT_EQ(QORAPrinterCupsPrintFile(nullptr, "/etc/hostname", nullptr, 0), -1);
-    EXPECT_EQ(QORAPrinterCupsPrintTestPage(""), -1);
-    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), nullptr), -1);
-    expect_code(ERR_BAD_PARAMETER, "printer_cups_job_wait_complete.cpp");
-    EXPECT_TRUE(log_.lines().empty());
-
     g_cupsd->stop();
     EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "1"), -1);
     EXPECT_EQ(log_.count(LOG_ERR, "cupsd is not running."), 1u);
@@ -653,7 +606,6 @@ TEST_F(CupsTest, JobWaitListsAgainAfterAFailedListingWithinItsBound) {
     lpq.fail_next(1, -9);
     EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "5"), 0);
     EXPECT_EQ(lpq.runs().size(), 2u);
-
     lpq.forget();
     lpq.fail_next(100, -9);
     EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "5"), 0);
