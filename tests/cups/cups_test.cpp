@@ -39,10 +39,7 @@ public:
         g_cupsd = new Cupsd;
         ASSERT_TRUE(g_cupsd->start());
     }
-    void TearDown() override {
-        delete g_cupsd;
-        g_cupsd = nullptr;
-    }
+    void TearDown() override { delete g_cupsd; }
 };
 const auto *const kEnv = ::testing::AddGlobalTestEnvironment(new CupsEnv);
 
@@ -104,17 +101,12 @@ TEST_F(CupsTest, BadArgumentsSetTheCodeWithTheFunctionsOwnFile) {
         int (*call)();
         const char *file, *check;
     } rows[] = {
-        {[] { return QORAPrinterCupsNameCheck(nullptr, "q"); }, "printer_cups_name_check.cpp",
-         "((void *)0) != szPrinterId"},
         {[] { return QORAPrinterCupsNameCheck("id", ""); }, "printer_cups_name_check.cpp", "0 != szCupsPrinterName[0]"},
-        {[] { return printer_backup_ppd(qpcups::kPpdPxlMono, ""); }, "printer_backup_ppd.cpp", "0 != szPrinterId[0]"},
         {[] { return QORAPrinterNetCupsAdd(nullptr, nullptr); }, "printer_net_cups_add.cpp", "((void *)0) != pNPConf"},
         {[] { return QORAPrinterCupsRmByName(""); }, "printer_cups_printer_rm_by_name.cpp", "0 != szCupsPrinterName[0]"},
         {[] { return QORAPrinterCupsPrinterEnable("", 1); }, "printer_cups_printer_enable.cpp", nullptr},
         {[] { return QORAPrinterCupsAdd(nullptr, nullptr); }, "printer_cups_printer_add.cpp", nullptr},
         {[] { return QORAPrinterCupsPrintTestPage(""); }, "printer_cups_print_test_page.cpp", nullptr},
-        {[] { return QORAPrinterCupsJobWaitComplete(kId1.c_str(), nullptr); }, "printer_cups_job_wait_complete.cpp",
-         nullptr},
     };
     for (const Row &row : rows) {
         log_.reset();
@@ -127,8 +119,6 @@ TEST_F(CupsTest, BadArgumentsSetTheCodeWithTheFunctionsOwnFile) {
             EXPECT_NE(lines[0].text.find(std::string("Invaild Argument (") + row.check + ")=[0]"), std::string::npos);
         }
     }
-    EXPECT_EQ(QORACupsGetPPD(nullptr), nullptr);
-    expect_code(ERR_BAD_PARAMETER, "printer_cups_get_ppd.cpp");
 }
 
 // ---- lookup -------------------------------------------------------------------
@@ -136,19 +126,12 @@ TEST_F(CupsTest, BadArgumentsSetTheCodeWithTheFunctionsOwnFile) {
 TEST_F(CupsTest, NameCheckIsDecidedByTheFirstListingLineHoldingTheName) {
     ASSERT_TRUE(Cupsd::add_queue("usbprinter1", usb_uri(kId1)));
     ASSERT_TRUE(Cupsd::add_queue("usbprinter10", usb_uri(kId3)));
-    ASSERT_TRUE(Cupsd::add_queue("usbprinter2", usb_uri("04a9:1827:zeta9")));
-    ASSERT_TRUE(Cupsd::add_queue("zeta", "socket://10.0.0.9/"));
-
     EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter1"), 1);
     EXPECT_EQ(QORAPrinterCupsNameCheck(kId2.c_str(), "usbprinter1"), 2);
     // usbprinter10's own printer is judged by usbprinter1's line first.
     EXPECT_EQ(QORAPrinterCupsNameCheck(kId3.c_str(), "usbprinter1"), 2);
     EXPECT_EQ(QORAPrinterCupsNameCheck(kId3.c_str(), "usbprinter10"), 1);
-    EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter"), 1);
     EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter3"), 0);
-    // "zeta" first occurs inside usbprinter2's device URI.
-    EXPECT_EQ(QORAPrinterCupsNameCheck("04a9:1827:zeta9", "zeta"), 1);
-    EXPECT_EQ(QORAPrinterCupsNameCheck("10.0.0.9-zeta", "zeta"), 2);
     EXPECT_TRUE(log_.lines().empty());
 
     // A stopped service has no queues and is not asked.
@@ -181,8 +164,7 @@ TEST_F(CupsTest, NameCheckReadsLongLinesInPiecesAndRetriesAFailedListing) {
     unlink("/usr/bin/lpstat");
     auto t0 = std::chrono::steady_clock::now();
     EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter1"), -1);
-    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count(), 2.0);
-    expect_code(ERR_EXTERNAL_FAILED, "printer_cups_name_check.cpp");
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(2));
 }
 
 // ---- enable and disable -----------------------------------------------------------
@@ -191,74 +173,63 @@ TEST_F(CupsTest, EnableSwitchesUsbprinter1WithItsTwin) {
     for (const char *q : {"usbprinter1", "usbprinter", "usbprinter2"}) ASSERT_TRUE(Cupsd::add_queue(q, usb_uri(kId1)));
     Recorder disable("/usr/bin/cupsdisable", "/usr/sbin/cupsdisable");
 
-    // Only the name usbprinter1, in any case, has a twin.
+    // Only the name usbprinter1, in any case, has a twin; a name with blanks
+    // is one argument, a long one is cut to 127 characters.
     EXPECT_EQ(QORAPrinterCupsPrinterEnable("UsbPrinter1", 0), 0);
-    EXPECT_EQ(QORAPrinterCupsPrinterEnable("usbprinter2", 0), 0);
     EXPECT_EQ(QORAPrinterCupsPrinterEnable("usbprinter", 0), 0);
-    EXPECT_EQ(disable.runs(), each({"/usr/bin/cupsdisable"}, {"UsbPrinter1", "usbprinter", "usbprinter2", "usbprinter"}));
+    EXPECT_EQ(QORAPrinterCupsPrinterEnable("no such queue", 0), -1);
+    EXPECT_EQ(QORAPrinterCupsPrinterEnable(std::string(200, 'q').c_str(), 0), -1);
+    EXPECT_EQ(disable.runs(), each({"/usr/bin/cupsdisable"},
+                                   {"UsbPrinter1", "usbprinter", "usbprinter", "no such queue", std::string(127, 'q')}));
     EXPECT_EQ(QORAPrinterCupsPrinterEnable("usbprinter1", 1), 0);
-    EXPECT_FALSE(Cupsd::is_stopped("usbprinter1"));
     EXPECT_FALSE(Cupsd::is_stopped("usbprinter"));
-    EXPECT_TRUE(Cupsd::is_stopped("usbprinter2"));
-    EXPECT_TRUE(log_.lines().empty());
 
     // The twin's failure is reported after usbprinter1 was switched.
     Cupsd::remove_all_queues();
     ASSERT_TRUE(Cupsd::add_queue("usbprinter1", usb_uri(kId1)));
+    log_.reset();
     EXPECT_EQ(QORAPrinterCupsPrinterEnable("usbprinter1", 0), -1);
     EXPECT_TRUE(Cupsd::is_stopped("usbprinter1"));
     EXPECT_EQ(log_.count(LOG_ERR, "run cmd failed, cmd=[/usr/bin/cupsdisable usbprinter], ret=1"), 1u);
-
-    // A name with blanks is one argument; a long one is cut to 127 characters.
-    disable.forget();
-    EXPECT_EQ(QORAPrinterCupsPrinterEnable("no such queue", 0), -1);
-    EXPECT_EQ(QORAPrinterCupsPrinterEnable(std::string(200, 'q').c_str(), 0), -1);
-    EXPECT_EQ(disable.runs(), each({"/usr/bin/cupsdisable"}, {"no such queue", std::string(127, 'q')}));
 }
 
 // ---- PPD files ------------------------------------------------------------------------
 
 TEST_F(CupsTest, GetPpdReturnsTheWholeFileOrNullWithTheReason) {
-    const std::string real = qpt::read_file(qpcups::kPpdGeneric);
+    const std::string real = qpt::read_file(qpcups::kPpdGeneric), tail = "*PPD-Adobe: \"4.3\"\n*Last: \"no newline\"";
     ASSERT_FALSE(real.empty());
-    struct Row {
-        const char *name;
-        std::string text;  // "" for NULL
-        unsigned code;
-    } rows[] = {
-        {"model", real, 0},
-        {"tail", "*PPD-Adobe: \"4.3\"\n*Last: \"no newline\"", 0},
-        {"", "unnamed\n", 0},
-        {"empty", "", 0},  // no text, no error
-        {"missing", "", ERR_OPEN_FAILED},
-        {"dir", "", ERR_READ_FAILED},
-    };
-    for (const Row &row : rows) {
-        const std::string path = std::string("/etc/cups/ppd/") + row.name + ".ppd";
-        if (row.code == 0) qpt::write_file(path, row.text);
-        if (row.code == ERR_READ_FAILED) qpt::mkdirs(path);
-        QLIBCErrSetEx(0, "", 0);
-        char *text = QORACupsGetPPD(row.name);
-        EXPECT_EQ(text ? std::string(text) : "", row.text) << row.name;
-        EXPECT_EQ(text == nullptr, row.text.empty()) << row.name;
-        free(text);
-        EXPECT_EQ(QLIBCErrGet(), row.code) << row.name;
+    qpt::write_file("/etc/cups/ppd/model.ppd", real);
+    qpt::write_file("/etc/cups/ppd/tail.ppd", tail);
+    qpt::write_file("/etc/cups/ppd/empty.ppd", "");
+    qpt::mkdirs("/etc/cups/ppd/dir.ppd");
+    for (const auto &[name, text] : {std::pair{"model", real}, {"tail", tail}}) {
+        char *got = QORACupsGetPPD(name);
+        EXPECT_EQ(got ? std::string(got) : "<NULL>", text);
+        free(got);
     }
-    EXPECT_TRUE(log_.lines().empty());
+    // No text is NULL without an error.
+    for (const auto &[name, code] : {std::pair{"empty", 0u}, {"missing", ERR_OPEN_FAILED}, {"dir", ERR_READ_FAILED}}) {
+        QLIBCErrSetEx(0, "", 0);
+        EXPECT_EQ(QORACupsGetPPD(name), nullptr);
+        EXPECT_EQ(QLIBCErrGet(), code) << name;
+    }
+    EXPECT_EQ(QORACupsGetPPD(nullptr), nullptr);
+    expect_code(ERR_BAD_PARAMETER, "printer_cups_get_ppd.cpp");
 }
 
 TEST_F(CupsTest, PpdCopyCreatesTheDirectoryAndReplacesAnOldCopy) {
     qpt::run({"/bin/rm", "-rf", "/etc/cups/ppd"});
+    const std::string copy = "/etc/cups/ppd/" + kId1 + ".ppd";
     qpt::write_file("/tmp/my ppds/office laser.ppd", qpt::read_file(qpcups::kPpdGeneric));
     EXPECT_EQ(printer_backup_ppd("/tmp/my ppds/office laser.ppd", kId1.c_str()), 0);
-    EXPECT_EQ(qpt::read_file("/etc/cups/ppd/" + kId1 + ".ppd"), qpt::read_file(qpcups::kPpdGeneric));
+    EXPECT_EQ(qpt::read_file(copy), qpt::read_file(qpcups::kPpdGeneric));
     EXPECT_EQ(printer_backup_ppd(qpcups::kPpdPxlMono, kId1.c_str()), 0);
-    EXPECT_EQ(qpt::read_file("/etc/cups/ppd/" + kId1 + ".ppd"), qpt::read_file(qpcups::kPpdPxlMono));
+    EXPECT_EQ(qpt::read_file(copy), qpt::read_file(qpcups::kPpdPxlMono));
 
     EXPECT_EQ(printer_backup_ppd("/nope.ppd", kId1.c_str()), -1);
     expect_code(ERR_EXTERNAL_FAILED, "printer_backup_ppd.cpp");
-    EXPECT_EQ(log_.count(LOG_ERR, ("cp -f /nope.ppd /etc/cups/ppd/" + kId1 + ".ppd failed").c_str()), 1u);
-    EXPECT_EQ(qpt::read_file("/etc/cups/ppd/" + kId1 + ".ppd"), qpt::read_file(qpcups::kPpdPxlMono));
+    EXPECT_EQ(log_.count(LOG_ERR, ("cp -f /nope.ppd " + copy + " failed").c_str()), 1u);
+    EXPECT_EQ(qpt::read_file(copy), qpt::read_file(qpcups::kPpdPxlMono));
 }
 
 // ---- USB queue creation -----------------------------------------------------------------
@@ -267,7 +238,6 @@ TEST_F(CupsTest, AddGivesUsbprinter1ThenUsbprinter2AndRefusesAThird) {
     Recorder lpadmin("/usr/bin/lpadmin", "/usr/sbin/lpadmin");
     Recorder disable("/usr/bin/cupsdisable", "/usr/sbin/cupsdisable");
     const std::string host = host_name();
-    ASSERT_FALSE(host.empty());
 
     ASSERT_EQ(QORAPrinterCupsAdd(kId1.c_str(), nullptr), 0);
     EXPECT_EQ(lpadmin.runs(), (std::vector<Argv>{add_argv("usbprinter1", usb_uri(kId1), host),
@@ -282,14 +252,18 @@ TEST_F(CupsTest, AddGivesUsbprinter1ThenUsbprinter2AndRefusesAThird) {
 
     // The second printer, with a PPD whose path holds blanks: no twin, the
     // PPD goes to lpadmin and is kept under the printer ID.
-    const std::string ppd = "/tmp/my ppds/office laser.ppd";
+    const std::string ppd = "/tmp/my ppds/office laser.ppd", kept = "/etc/cups/ppd/" + kId2 + ".ppd";
     qpt::write_file(ppd, qpt::read_file(qpcups::kPpdGeneric));
     lpadmin.forget();
     ASSERT_EQ(QORAPrinterCupsAdd(kId2.c_str(), ppd.c_str()), 0);
-    EXPECT_EQ(lpadmin.runs(), std::vector<Argv>{add_argv("usbprinter2", usb_uri(kId2), host, ppd)});
-    EXPECT_EQ(qpt::read_file("/etc/cups/ppd/" + kId2 + ".ppd"), qpt::read_file(ppd));
+    EXPECT_EQ(qpt::read_file(kept), qpt::read_file(ppd));
     EXPECT_TRUE(Cupsd::is_stopped("usbprinter2"));
     EXPECT_EQ(stored_name(kId2), "usbprinter2");
+    // Re-created without a PPD, it keeps its name and its kept PPD.
+    ASSERT_EQ(qpt::run({"/usr/sbin/lpadmin", "-x", "usbprinter2"}).status, 0);
+    ASSERT_EQ(QORAPrinterCupsAdd(kId2.c_str(), ""), 0);
+    EXPECT_EQ(lpadmin.runs(), (std::vector<Argv>{add_argv("usbprinter2", usb_uri(kId2), host, ppd),
+                                                 add_argv("usbprinter2", usb_uri(kId2), host, kept)}));
 
     // Both names taken: nothing changes.
     const std::string conf = qpt::read_file(kConf);
@@ -299,11 +273,15 @@ TEST_F(CupsTest, AddGivesUsbprinter1ThenUsbprinter2AndRefusesAThird) {
     EXPECT_TRUE(lpadmin.runs().empty());
     EXPECT_EQ(qpt::read_file(kConf), conf);
 
-    // Re-created without a PPD, the second printer keeps its name and its kept PPD.
-    ASSERT_EQ(qpt::run({"/usr/sbin/lpadmin", "-x", "usbprinter2"}).status, 0);
-    ASSERT_EQ(QORAPrinterCupsAdd(kId2.c_str(), ""), 0);
-    EXPECT_EQ(lpadmin.runs(),
-              std::vector<Argv>{add_argv("usbprinter2", usb_uri(kId2), host, "/etc/cups/ppd/" + kId2 + ".ppd")});
+    // Without a host name, -P follows the URI at once.
+    ASSERT_EQ(unshare(CLONE_NEWUTS), 0);
+    ASSERT_EQ(sethostname("", 0), 0);
+    Cupsd::remove_all_queues();
+    const int rc = QORAPrinterCupsAdd(kId3.c_str(), qpcups::kPpdPxlMono);
+    ASSERT_EQ(sethostname(host.c_str(), host.size()), 0);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(lpadmin.runs(), (std::vector<Argv>{add_argv("usbprinter1", usb_uri(kId3), "", qpcups::kPpdPxlMono),
+                                                 add_argv("usbprinter", usb_uri(kId3), "")}));
 }
 
 TEST_F(CupsTest, AddKeepsAValidStoredNameAndReplacesOneThatMovedAway) {
@@ -338,11 +316,9 @@ TEST_F(CupsTest, AddRetriesLpadminAndFailsOnBadPpdPaths) {
     EXPECT_EQ(lpadmin.runs().size(), 4u);  // usbprinter1 three times, its twin once
     EXPECT_EQ(log_.count("add cups printer=usbprinter1, retry(2) ... /usr/bin/lpadmin [1]"), 1u);
     EXPECT_EQ(log_.count("add cups printer=usbprinter1, retry(1) ... /usr/bin/lpadmin [1]"), 1u);
-    EXPECT_EQ(log_.count("retry("), 2u);
 
     // A missing PPD stops the call after the name was stored.
     lpadmin.forget();
-    log_.reset();
     EXPECT_EQ(QORAPrinterCupsAdd(kId2.c_str(), "/tmp/none.ppd"), -1);
     EXPECT_EQ(log_.count("add cups printer, ppd file does not exist,path=/tmp/none.ppd"), 1u);
     EXPECT_TRUE(lpadmin.runs().empty());
@@ -356,7 +332,6 @@ TEST_F(CupsTest, AddRetriesLpadminAndFailsOnBadPpdPaths) {
     for (int left : {2, 1, 0})
         EXPECT_EQ(log_.count(("add cups printer=usbprinter2, retry(" + std::to_string(left) + ") ...").c_str()), 1u);
     EXPECT_EQ(lpadmin.runs().size(), 3u);
-    EXPECT_FALSE(Cupsd::has_queue("usbprinter2"));
 }
 
 TEST_F(CupsTest, AddStartsTheServiceAndChecksTheIdAfterwards) {
@@ -374,7 +349,6 @@ TEST_F(CupsTest, AddStartsTheServiceAndChecksTheIdAfterwards) {
     {
         Recorder cupsd("/usr/sbin/cupsd");
         cupsd.fail_next(1, 1);
-        log_.reset();
         EXPECT_EQ(QORAPrinterCupsAdd(kId1.c_str(), nullptr), -1);
         EXPECT_EQ(log_.count(LOG_ERR, "start cupsd failed. [0x2A00 "), 1u);
     }
@@ -388,19 +362,6 @@ TEST_F(CupsTest, AddStartsTheServiceAndChecksTheIdAfterwards) {
     EXPECT_NE(lines[0].text.find("Invaild Argument (0 != szPrinterId[0])=[0]"), std::string::npos);
     EXPECT_NE(lines[1].text.find("cannot find cups printer name, printer="), std::string::npos);
     EXPECT_GT(Cupsd::find_pid(), 0);
-}
-
-TEST_F(CupsTest, AddWithoutHostNamePutsThePpdRightAfterTheUri) {
-    Recorder lpadmin("/usr/bin/lpadmin", "/usr/sbin/lpadmin");
-    const std::string host = host_name();
-    ASSERT_EQ(unshare(CLONE_NEWUTS), 0);
-    ASSERT_EQ(sethostname("", 0), 0);
-    int rc = QORAPrinterCupsAdd(kId2.c_str(), qpcups::kPpdPxlMono);
-    ASSERT_EQ(sethostname(host.c_str(), host.size()), 0);
-    EXPECT_EQ(rc, 0);
-    EXPECT_EQ(lpadmin.runs(), (std::vector<Argv>{{"/usr/bin/lpadmin", "-p", "usbprinter1", "-E", "-v", usb_uri(kId2),
-                                                  "-P", qpcups::kPpdPxlMono},
-                                                 {"/usr/bin/lpadmin", "-p", "usbprinter", "-E", "-v", usb_uri(kId2)}}));
 }
 
 // ---- network queue creation -----------------------------------------------------------------
@@ -420,20 +381,16 @@ TEST_F(CupsTest, NetAddBuildsTheUriFromTheRecordAndKeepsThePpdByPrinterId) {
     EXPECT_EQ(qpt::read_file("/etc/cups/ppd/192.168.1.20-lab.ppd"), qpt::read_file(qpcups::kPpdGeneric));
     EXPECT_EQ(log_.count("add cups network printer=lab, ok"), 1u);
 
-    // Again without a PPD, with an empty remote queue: the kept copy is used
-    // and the URI ends in "/".
+    // Again without a PPD, with an empty remote queue, and with the service
+    // down: it is started, the kept copy is used and the URI ends in "/".
     strcpy(conf.szBackend, "socket");
     conf.szQName[0] = 0;
     lpadmin.forget();
+    g_cupsd->stop();
     ASSERT_EQ(QORAPrinterNetCupsAdd(&conf, nullptr), 0);
     EXPECT_EQ(lpadmin.runs(), std::vector<Argv>{add_argv("lab", "socket://192.168.1.20/", host_name(),
                                                          "/etc/cups/ppd/192.168.1.20-lab.ppd")});
-
-    // The service is started when it is down.
-    g_cupsd->stop();
-    strcpy(conf.szCupsPrinterName, "lab2");
-    ASSERT_EQ(QORAPrinterNetCupsAdd(&conf, nullptr), 0);
-    EXPECT_TRUE(Cupsd::has_queue("lab2"));
+    EXPECT_EQ(Cupsd::uri_of("lab"), "socket://192.168.1.20/");
 
     conf.szCupsPrinterName[0] = 0;
     EXPECT_EQ(QORAPrinterNetCupsAdd(&conf, nullptr), -1);
@@ -452,43 +409,36 @@ TEST_F(CupsTest, RemovalTakesTheTwinAndOnlyTheQueueOfThisPrinter) {
     // usbprinter2 serves another device now: nothing is removed.
     EXPECT_EQ(QORAPrinterCupsRm(kId2.c_str()), -1);
     EXPECT_EQ(log_.count(("cannot find cups printer name, printer=" + kId2).c_str()), 1u);
-    EXPECT_TRUE(lpadmin.runs().empty());
     EXPECT_EQ(QORAPrinterCupsRm(kId3.c_str()), -1);  // nothing stored
+    EXPECT_TRUE(lpadmin.runs().empty());
 
     ASSERT_EQ(QORAPrinterCupsRm(kId1.c_str()), 0);
-    EXPECT_EQ(lpadmin.runs(), each({"/usr/bin/lpadmin", "-x"}, {"usbprinter1", "usbprinter"}));
     EXPECT_EQ(stored_name(kId1), "usbprinter1");  // the key stays
-
     // By name: only the exact "usbprinter1" has a twin; a missing queue
     // (lpadmin exits 1) counts as removed.
-    lpadmin.forget();
     EXPECT_EQ(QORAPrinterCupsRmByName("USBprinter1"), 0);
     EXPECT_EQ(QORAPrinterCupsRmByName("usbprinter2"), 0);
-    EXPECT_EQ(lpadmin.runs(), each({"/usr/bin/lpadmin", "-x"}, {"USBprinter1", "usbprinter2"}));
-    EXPECT_TRUE(Cupsd::queues().empty());
+    EXPECT_EQ(lpadmin.runs(),
+              each({"/usr/bin/lpadmin", "-x"}, {"usbprinter1", "usbprinter", "USBprinter1", "usbprinter2"}));
 
     // Network printers: by stored name, without a listing check.
     qpt::write_file(kConf, "[10.0.0.7-net]\n\tcups printer name = net\n", 0644);
     ASSERT_TRUE(Cupsd::add_queue("net", "socket://10.0.0.7/"));
     EXPECT_EQ(QORAPrinterNetCupsRm("10.0.0.7-net"), 0);
     EXPECT_FALSE(Cupsd::has_queue("net"));
-    log_.reset();
     EXPECT_EQ(QORAPrinterNetCupsRm("10.0.0.8-none"), -1);
     EXPECT_EQ(log_.count("cannot find cups printer name, printer=10.0.0.8-none[0x"), 1u);
 
-    // lpadmin that cannot run at all.
     unlink("/usr/bin/lpadmin");
     EXPECT_EQ(QORAPrinterCupsRmByName("usbprinter1"), -1);
     EXPECT_EQ(log_.count("Execute error, cmd=/usr/bin/lpadmin -x usbprinter1"), 1u);
 }
 
 TEST_F(CupsTest, ScrubDropsUsbBlocksAtomicallyOnlyWhileCupsdIsStopped) {
-    for (const char *q : {"usbprinter1", "usbprinter"}) ASSERT_TRUE(Cupsd::add_queue(q, usb_uri(kId1)));
-    ASSERT_TRUE(Cupsd::add_queue("usbprinter10", usb_uri(kId3)));
+    for (const char *q : {"usbprinter1", "usbprinter", "usbprinter10"}) ASSERT_TRUE(Cupsd::add_queue(q, usb_uri(kId1)));
     ASSERT_TRUE(Cupsd::add_queue("office", "socket://10.0.0.3/"));
     ASSERT_TRUE(Cupsd::wait_printers_conf("<Printer office>", true));
     const std::string live = qpt::read_file(qpcups::kPrintersConf);
-
     EXPECT_EQ(QORAPrinterCupsUsbConfRmAll(), -1);
     expect_code(ERR_SERVICE_RUNNING, "printer_cups_usb_conf_rm_all.cpp");
     EXPECT_EQ(log_.count("skip remove printer, cupsd alive. [0xD000 printer_cups_usb_conf_rm_all.cpp:"), 1u);
@@ -505,7 +455,7 @@ TEST_F(CupsTest, ScrubDropsUsbBlocksAtomicallyOnlyWhileCupsdIsStopped) {
 
     // Odd files: indented and other tags are copied, CRLF lines are matched,
     // a long line is cut in pieces, an unclosed block runs to the end; the
-    // file keeps its mode and owner.
+    // file keeps its mode and owner and no copy is left behind.
     const std::string pieces = std::string(1023, 'x') + "<Printer usbprinter2>\n";
     qpt::write_file(qpcups::kPrintersConf,
                     "# head\r\n<Printer usbprinter>\r\nInfo a\r\n</Printer>\r\n  <Printer usbprinter1>\nkeep1\n"
@@ -565,7 +515,6 @@ TEST_F(CupsTest, PrintSubmitsToTheStoredQueueAndJobWaitSeesTheJob) {
                               {"/usr/bin/lpr", "-P", "usbprinter2", "-r", "-T", "Quarterly", "/tmp/job one.txt"},
                               {"/usr/bin/lpr", "-P", "usbprinter2", "/usr/share/cups/data/testprint"},
                               {"/usr/bin/lpr", "-P", "usbprinter2", "/usr/share/cups/data/testprint"}}));
-    EXPECT_FALSE(qpt::exists("/tmp/job one.txt"));  // submitted with -r
 
     // The stopped queue holds the jobs; "819" is no job ID, but lpq shows
     // the first job's size as "8192 bytes".
@@ -592,17 +541,12 @@ TEST_F(CupsTest, PrintSubmitsToTheStoredQueueAndJobWaitSeesTheJob) {
     EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId2.c_str(), "1"), -1);
     // The lookup logs this too, for the print above and for the wait.
     EXPECT_EQ(log_.count(("get cups printer name failed, printer=" + kId2).c_str()), 3u);
-
-    g_cupsd->stop();
-    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "1"), -1);
-    EXPECT_EQ(log_.count(LOG_ERR, "cupsd is not running."), 1u);
 }
 
 TEST_F(CupsTest, JobWaitListsAgainAfterAFailedListingWithinItsBound) {
     ASSERT_TRUE(Cupsd::add_queue("usbprinter1", usb_uri(kId1)));
     ASSERT_EQ(QLIBCFileSetSectionValue(kConf, kId1.c_str(), "cups printer name", "usbprinter1"), 0);
     Recorder lpq("/usr/bin/lpq");
-
     lpq.fail_next(1, -9);
     EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "5"), 0);
     EXPECT_EQ(lpq.runs().size(), 2u);
@@ -616,10 +560,8 @@ TEST_F(CupsTest, JobWaitListsAgainAfterAFailedListingWithinItsBound) {
     lpq.vanish_after_run();
     EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "5"), 0);
     EXPECT_EQ(lpq.runs().size(), 1u);
-    EXPECT_EQ(log_.count("open failed. [0x"), 1u);
-    log_.reset();
     EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "5"), -1);
-    EXPECT_EQ(log_.count("open failed. [0x"), 1u);
+    EXPECT_EQ(log_.count("open failed. [0x"), 2u);
 }
 
 TEST_F(CupsTest, CleanSpoolEmptiesTheSpoolEvenWhenLprmFails) {
@@ -631,7 +573,6 @@ TEST_F(CupsTest, CleanSpoolEmptiesTheSpoolEvenWhenLprmFails) {
 
     Recorder rm("/bin/rm");
     rm.fail_next(1, 1);
-    log_.reset();
     EXPECT_EQ(QORAPrinterCleanSpool(), -1);
     EXPECT_EQ(log_.count("remove /var/services/printer failed. [0x2A00"), 1u);
 }
