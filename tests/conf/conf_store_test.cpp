@@ -138,7 +138,7 @@ TEST_F(ConfStore, RewriteKeepsOtherKeysAndSections) {
                              "\n\tlong = " + std::string(100 * 1024, 'L') + "\n";
     const std::string dup = "[a]\n\tx = duplicate\n";
     const std::string tail = "[b]\r\n\ty = 2\r\n" + std::string(100 * 1024, 'G') + "\n" + dup;
-    qpt::write_file(kConf, head + "[p]\n\tcups printer name = usbprinter1\n\tdriver = old\n\tautolock timer = 5\n" + tail);
+    qpt::write_file(kConf, head + "[p]\n\tcups printer name = queue1\n\tdriver = old\n\tautolock timer = 5\n" + tail);
 
     PrinterConf c = record("p");
     put(c.szMode, "usbip");
@@ -150,7 +150,7 @@ TEST_F(ConfStore, RewriteKeepsOtherKeysAndSections) {
         EXPECT_EQ(after.compare(0, head.size(), head), 0) << "bytes before the section changed";
         EXPECT_EQ(after.compare(after.size() - tail.size(), tail.size(), tail), 0) << "bytes after it changed";
     }
-    EXPECT_EQ(section("p"), (Keys{{"cups printer name", "usbprinter1"}, {"driver", ""}, {"driver brand", ""},
+    EXPECT_EQ(section("p"), (Keys{{"cups printer name", "queue1"}, {"driver", ""}, {"driver brand", ""},
                                   {"autolock timer", ""}, {"manuallock timer", ""}, {"mode", "usbip"},
                                   {"producer", "ACME"}}));
 
@@ -193,12 +193,12 @@ TEST_F(ConfStore, UnreadableFileIsNotOverwritten) {
 }
 
 TEST_F(ConfStore, CupsNameGet) {
-    qpt::write_file(kConf, "[p1]\n\tcups printer name = usbprinter1\n[p2]\n\tcups printer name = \n[p3]\n\tdriver = x\n");
+    qpt::write_file(kConf, "[p1]\n\tcups printer name = queue1\n[p2]\n\tcups printer name = \n[p3]\n\tdriver = x\n");
     char buf[32] = {};
     EXPECT_EQ(QORAPrinterCupsNameGet("p1", buf, sizeof buf), 0);
-    EXPECT_STREQ(buf, "usbprinter1");
+    EXPECT_STREQ(buf, "queue1");
     EXPECT_EQ(QORAPrinterCupsNameGet("p1", buf, 5), 0);
-    EXPECT_STREQ(buf, "usbp");
+    EXPECT_STREQ(buf, "queu");
 
     for (const std::string id : {"p2", "p3", "nope"}) {
         qpt::LogCapture log;
