@@ -4,6 +4,7 @@
 // qpcli::Register object; main() dispatches on the first word(s).
 #pragma once
 
+#include <cstring>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -38,6 +39,16 @@ bool take_option(Args &args, std::string_view flag, std::string &value);
 // Takes "--flag" out of args; true when found.
 bool take_flag(Args &args, std::string_view flag);
 
+// Copies text into a fixed-width record field; false when it does not fit
+// with its NUL.
+template <std::size_t N>
+bool set_field(char (&field)[N], std::string_view text) {
+    if (text.size() >= N) return false;
+    std::memcpy(field, text.data(), text.size());
+    field[text.size()] = '\0';
+    return true;
+}
+
 // Prints usage of one command and returns 1.
 int usage(const Command &cmd);
 
@@ -45,8 +56,8 @@ int usage(const Command &cmd);
 // else its exit status.
 Command cmd(std::string name, std::string usage, std::string help, int (*fn)(const Args &));
 
-// Empties the error slot, so that a failure without a code of its own can be
-// told from one that set a code.
+// Empties the error slot before a call: the library never clears it, so a
+// failure without a code of its own would otherwise show a stale one.
 void clear_slot();
 
 // 0 for a zero result, else the failure printed by fail().

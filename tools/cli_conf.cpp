@@ -14,6 +14,7 @@ namespace {
 using qpcli::clear_slot;
 using qpcli::cmd;
 using qpcli::done;
+using qpcli::set_field;
 
 constexpr const char *kPrinterConf = "/usr/qora/etc/printer.conf";
 
@@ -45,15 +46,6 @@ int stringid_get(const qpcli::Args &a) {
     char buf[1024] = {};
     clear_slot();
     return parse_result(QORAPrinterConfStringIdParse(id.data(), a[0].c_str(), buf, sizeof buf), buf, "stringid get");
-}
-
-// Copies text into a record field; false when it does not fit.
-template <std::size_t N>
-bool set_field(char (&field)[N], std::string_view text) {
-    if (text.size() >= N) return false;
-    std::memcpy(field, text.data(), text.size());
-    field[text.size()] = '\0';
-    return true;
 }
 
 bool set_conf_key(PrinterConf &c, std::string_view key, std::string_view v, bool &fits) {

@@ -14,20 +14,9 @@ namespace {
 using qpcli::clear_slot;
 using qpcli::cmd;
 using qpcli::done;
+using qpcli::set_field;
 
 constexpr const char *kPrinterConf = "/usr/qora/etc/printer.conf";
-
-// Copies text into a fixed-width record field; false when it does not fit
-// with its NUL.  (Each command clears the error slot before its call, since
-// the library never does: a failure without a code of its own would
-// otherwise be reported with a stale one.)
-template <std::size_t N>
-bool set_field(char (&field)[N], std::string_view text) {
-    if (text.size() >= N) return false;
-    std::memcpy(field, text.data(), text.size());
-    field[text.size()] = '\0';
-    return true;
-}
 
 int queue_add(const qpcli::Args &args) {
     qpcli::Args a = args;
@@ -168,7 +157,6 @@ int spool_clean(const qpcli::Args &a) {
     return done(QORAPrinterCleanSpool(), "spool clean");
 }
 
-// Runs a handler; -1 from it means the arguments did not fit the synopsis.
 const qpcli::Register reg{{
     cmd("queue add", "ID [--ppd FILE]", "create a USB printer's queue (stopped); prints its name", queue_add),
     cmd("queue add-net", "--ip IP --name Q --backend B [--qname R] [--id ID] [--ppd FILE] | --from ID [--ppd FILE]",

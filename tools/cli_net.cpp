@@ -22,12 +22,9 @@ int bad_usage(const char *name) {
 // Copies text into a record field, refusing what does not fit.
 template <size_t N>
 bool put(char (&field)[N], const std::string &value, const char *what) {
-    if (value.size() >= N) {
-        fprintf(stderr, "%s is too long (at most %zu characters)\n", what, N - 1);
-        return false;
-    }
-    memcpy(field, value.c_str(), value.size() + 1);
-    return true;
+    if (qpcli::set_field(field, value)) return true;
+    fprintf(stderr, "%s is too long (at most %zu characters)\n", what, N - 1);
+    return false;
 }
 
 // Identification by SNMP (the default), BJNP or mDNS: the library's result.
