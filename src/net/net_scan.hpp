@@ -9,6 +9,7 @@
 // before each read.
 #pragma once
 
+#include <errno.h>
 #include <stdio.h>
 
 #include <string_view>
@@ -19,6 +20,20 @@
 namespace qp::net {
 
 inline constexpr int kLineSize = 1024;
+
+// Reads the next line of a tool's output.  errno is set to 0 before each
+// read, so that a read interrupted by a signal (EINTR) is told from the end
+// of the output and tried again; the tenth interruption of one run ends it.
+enum class ReadResult { kLine, kEnd, kInterrupted };
+inline ReadResult read_line(FILE *out, char (&line)[kLineSize], int &interrupts) {
+    for (;;) {
+        errno = 0;
+        if (fgets(line, kLineSize, out)) return ReadResult::kLine;
+        if (errno != EINTR) return ReadResult::kEnd;
+        if (++interrupts >= 10) return ReadResult::kInterrupted;
+        clearerr(out);
+    }
+}
 
 // ---- snmpwalk: device ID string (printer_net_get_string_id.cpp) -------------
 // True when a trimmed line names a maker and a model key and holds a quoted

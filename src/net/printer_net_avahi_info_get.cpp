@@ -91,15 +91,13 @@ int avahi_read(FILE *browse, const char *szPattern, PQLIBSZLIST *ppList, AvahiSl
     char line[kLineSize];
     int interrupts = 0;
     for (;;) {
-        if (interrupts > 9) return -1;
-        errno = 0;
-        if (!fgets(line, sizeof line, browse)) {
-            if (errno == EINTR) {
-                ++interrupts;
-                clearerr(browse);
-                continue;
-            }
+        switch (read_line(browse, line, interrupts)) {
+        case ReadResult::kInterrupted:
+            return -1;
+        case ReadResult::kEnd:
             return 0;
+        case ReadResult::kLine:
+            break;
         }
         QLIBCStrTrim(line, 0, 0);
         if (!strstr(line, szPattern)) continue;

@@ -43,14 +43,13 @@ int uri_read(FILE *walk, char *szUri, int cbUri) {
     char line[kLineSize];
     int interrupts = 0;
     for (;;) {
-        errno = 0;
-        if (!fgets(line, sizeof line, walk)) {
-            if (errno == EINTR) {
-                if (++interrupts >= 10) return -1;
-                clearerr(walk);
-                continue;
-            }
+        switch (read_line(walk, line, interrupts)) {
+        case ReadResult::kInterrupted:
+            return -1;
+        case ReadResult::kEnd:
             return 1;
+        case ReadResult::kLine:
+            break;
         }
         QLIBCStrTrim(line, 0, 0);
         std::string_view candidate;

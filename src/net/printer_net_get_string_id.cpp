@@ -42,15 +42,14 @@ int string_id_read(FILE *walk, char *szOutBuf, int iOutSize) {
     bool seen = false;
     int interrupts = 0;
     for (;;) {
-        errno = 0;
-        if (!fgets(line, sizeof line, walk)) {
-            if (errno == EINTR) {
-                if (++interrupts >= 10) return -1;
-                clearerr(walk);
-                continue;
-            }
+        switch (read_line(walk, line, interrupts)) {
+        case ReadResult::kInterrupted:
+            return -1;
+        case ReadResult::kEnd:
             // Silence means no agent answered with this community.
             return seen ? -1 : 1;
+        case ReadResult::kLine:
+            break;
         }
         seen = true;
         QLIBCStrTrim(line, 0, 0);

@@ -38,14 +38,13 @@ int ping_read(FILE *out, char *szStatus, int cbStatus) {
     char line[kLineSize];
     int interrupts = 0;
     for (;;) {
-        errno = 0;
-        if (!fgets(line, sizeof line, out)) {
-            if (errno == EINTR) {
-                if (++interrupts >= 10) return -1;
-                clearerr(out);
-                continue;
-            }
+        switch (read_line(out, line, interrupts)) {
+        case ReadResult::kInterrupted:
+            return -1;
+        case ReadResult::kEnd:
             return 0;  // no summary: the answer stays "Offline"
+        case ReadResult::kLine:
+            break;
         }
         QLIBCStrTrim(line, 0, 0);
         if (!strstr(line, "packet loss")) continue;
