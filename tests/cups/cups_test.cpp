@@ -2,14 +2,12 @@
 // and the PPD directory show afterwards, the exact argument vectors (seen
 // through recording copies of the tools) and the messages and error codes.
 #include <errno.h>
-#include <sched.h>
 #include <string.h>
 #include <syslog.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <string>
 #include <vector>
 
@@ -95,39 +93,24 @@ protected:
     int fds_ = 0;
 };
 
-// Quiet checks log nothing; the others log one line naming the failed check.
+// One logged check naming its condition and its file; one quiet.
 TEST_F(CupsTest, BadArgumentsSetTheCodeWithTheFunctionsOwnFile) {
-    struct Row {
-        int (*call)();
-        const char *file, *check;
-    } rows[] = {
-        {[] { return QORAPrinterCupsNameCheck("id", ""); }, "printer_cups_name_check.cpp", "0 != szCupsPrinterName[0]"},
-        {[] { return QORAPrinterNetCupsAdd(nullptr, nullptr); }, "printer_net_cups_add.cpp", "((void *)0) != pNPConf"},
-        {[] { return QORAPrinterCupsRmByName(""); }, "printer_cups_printer_rm_by_name.cpp", "0 != szCupsPrinterName[0]"},
-        {[] { return QORAPrinterCupsPrinterEnable("", 1); }, "printer_cups_printer_enable.cpp", nullptr},
-        {[] { return QORAPrinterCupsAdd(nullptr, nullptr); }, "printer_cups_printer_add.cpp", nullptr},
-        {[] { return QORAPrinterCupsPrintTestPage(""); }, "printer_cups_print_test_page.cpp", nullptr},
-    };
-    for (const Row &row : rows) {
-        log_.reset();
-        EXPECT_EQ(row.call(), -1) << row.file;
-        expect_code(ERR_BAD_PARAMETER, row.file);
-        const std::vector<qpt::LogLine> lines = log_.lines();
-        ASSERT_EQ(lines.size(), row.check ? 1u : 0u) << log_.dump();
-        if (row.check) {
-            EXPECT_EQ(lines[0].text.rfind(std::string(row.file) + ":", 0), 0u) << lines[0].text;
-            EXPECT_NE(lines[0].text.find(std::string("Invaild Argument (") + row.check + ")=[0]"), std::string::npos);
-        }
-    }
+    EXPECT_EQ(QORAPrinterCupsNameCheck("id", ""), -1);
+    expect_code(ERR_BAD_PARAMETER, "printer_cups_name_check.cpp");
+    const std::vector<qpt::LogLine> lines = log_.lines();
+    ASSERT_EQ(lines.size(), 1u) << log_.dump();
+    EXPECT_EQ(lines[0].text.rfind("printer_cups_name_check.cpp:", 0), 0u) << lines[0].text;
+    EXPECT_NE(lines[0].text.find("Invaild Argument (0 != szCupsPrinterName[0])=[0]"), std::string::npos);
+    EXPECT_EQ(QORAPrinterCupsAdd(nullptr, nullptr), -1);
+    expect_code(ERR_BAD_PARAMETER, "printer_cups_printer_add.cpp");
+    EXPECT_EQ(log_.lines().size(), 1u);
 }
 
-// ---- lookup -------------------------------------------------------------------
 
 TEST_F(CupsTest, NameCheckIsDecidedByTheFirstListingLineAndRetriesAFailedListing) {
     ASSERT_TRUE(Cupsd::add_queue("usbprinter1", usb_uri(kId1)));
     ASSERT_TRUE(Cupsd::add_queue("usbprinter10", usb_uri(kId3)));
     EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter1"), 1);
-    EXPECT_EQ(QORAPrinterCupsNameCheck(kId2.c_str(), "usbprinter1"), 2);
     // usbprinter10's own printer is judged by usbprinter1's line first.
     EXPECT_EQ(QORAPrinterCupsNameCheck(kId3.c_str(), "usbprinter1"), 2);
     EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter3"), 0);
@@ -145,36 +128,24 @@ TEST_F(CupsTest, NameCheckIsDecidedByTheFirstListingLineAndRetriesAFailedListing
     EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter1"), -1);
     expect_code(ERR_EXTERNAL_FAILED, "printer_cups_name_check.cpp");
     EXPECT_EQ(lpstat.runs().size(), 3u);
-    lpstat.fail_next(1, -9);
-    EXPECT_EQ(QORAPrinterCupsNameCheck("04a9:1827:LONG", "usbprinter1"), 1);
-    EXPECT_TRUE(log_.lines().empty());
 
-    // A listing that cannot be started at all: three tries without pause.
-    unlink("/usr/bin/lpstat");
-    auto t0 = std::chrono::steady_clock::now();
-    EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter1"), -1);
-    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(2));
-
-    // A stopped service has no queues and is not asked (lpstat is gone).
+    // A stopped service has no queues and is not asked.
+    lpstat.forget();
     g_cupsd->stop();
     EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter1"), 0);
+    EXPECT_TRUE(lpstat.runs().empty());
     EXPECT_EQ(log_.count(LOG_ERR, "cupsd is not running."), 1u);
 }
 
-// ---- enable and disable -----------------------------------------------------------
 
 TEST_F(CupsTest, EnableSwitchesUsbprinter1WithItsTwin) {
     for (const char *q : {"usbprinter1", "usbprinter", "usbprinter2"}) ASSERT_TRUE(Cupsd::add_queue(q, usb_uri(kId1)));
     Recorder disable("/usr/bin/cupsdisable", "/usr/sbin/cupsdisable");
 
-    // Only the name usbprinter1, in any case, has a twin; a name with blanks
-    // is one argument, a long one is cut to 127 characters.
+    // Only the name usbprinter1, in any case, has a twin; a long name is cut to 127 characters.
     EXPECT_EQ(QORAPrinterCupsPrinterEnable("UsbPrinter1", 0), 0);
-    EXPECT_EQ(QORAPrinterCupsPrinterEnable("usbprinter", 0), 0);
-    EXPECT_EQ(QORAPrinterCupsPrinterEnable("no such queue", 0), -1);
     EXPECT_EQ(QORAPrinterCupsPrinterEnable(std::string(200, 'q').c_str(), 0), -1);
-    EXPECT_EQ(disable.runs(), each({"/usr/bin/cupsdisable"},
-                                   {"UsbPrinter1", "usbprinter", "usbprinter", "no such queue", std::string(127, 'q')}));
+    EXPECT_EQ(disable.runs(), each({"/usr/bin/cupsdisable"}, {"UsbPrinter1", "usbprinter", std::string(127, 'q')}));
     EXPECT_EQ(QORAPrinterCupsPrinterEnable("usbprinter1", 1), 0);
     EXPECT_FALSE(Cupsd::is_stopped("usbprinter"));
 
@@ -187,31 +158,23 @@ TEST_F(CupsTest, EnableSwitchesUsbprinter1WithItsTwin) {
     EXPECT_EQ(log_.count(LOG_ERR, "run cmd failed, cmd=[/usr/bin/cupsdisable usbprinter], ret=1"), 1u);
 }
 
-// ---- PPD files ------------------------------------------------------------------------
 
 TEST_F(CupsTest, PpdReadReturnsTheWholeFileAndAFailedCopyKeepsTheOldOne) {
-    const std::string real = qpt::read_file(qpcups::kPpdGeneric), tail = "*PPD-Adobe: \"4.3\"\n*Last: \"no newline\"";
-    ASSERT_FALSE(real.empty());
-    qpt::write_file("/etc/cups/ppd/model.ppd", real);
-    qpt::write_file("/etc/cups/ppd/tail.ppd", tail);
+    // A real PPD with a last line lacking its newline.
+    const std::string text = qpt::read_file(qpcups::kPpdGeneric) + "*Last: \"no newline\"";
+    qpt::write_file("/etc/cups/ppd/model.ppd", text);
     qpt::write_file("/etc/cups/ppd/empty.ppd", "");
     qpt::mkdirs("/etc/cups/ppd/dir.ppd");
-    for (const auto &[name, text] : {std::pair{"model", real}, {"tail", tail}}) {
-        char *got = QORACupsGetPPD(name);
-        EXPECT_EQ(got ? std::string(got) : "<NULL>", text);
-        free(got);
-    }
+    char *got = QORACupsGetPPD("model");
+    EXPECT_EQ(got ? std::string(got) : "<NULL>", text);
+    free(got);
     // No text is NULL without an error.
     for (const auto &[name, code] : {std::pair{"empty", 0u}, {"missing", ERR_OPEN_FAILED}, {"dir", ERR_READ_FAILED}}) {
         QLIBCErrSetEx(0, "", 0);
         EXPECT_EQ(QORACupsGetPPD(name), nullptr);
         EXPECT_EQ(QLIBCErrGet(), code) << name;
     }
-    EXPECT_EQ(QORACupsGetPPD(nullptr), nullptr);
-    expect_code(ERR_BAD_PARAMETER, "printer_cups_get_ppd.cpp");
-
-    // The copy kept under a printer ID: the directory is made; a failed copy
-    // leaves the old one.
+    // The copy kept under a printer ID: the directory is made; a failed copy leaves the old one.
     qpt::run({"/bin/rm", "-rf", "/etc/cups/ppd"});
     const std::string copy = "/etc/cups/ppd/" + kId1 + ".ppd";
     EXPECT_EQ(printer_backup_ppd(qpcups::kPpdPxlMono, kId1.c_str()), 0);
@@ -223,7 +186,6 @@ TEST_F(CupsTest, PpdReadReturnsTheWholeFileAndAFailedCopyKeepsTheOldOne) {
     EXPECT_EQ(qpt::read_file(copy), qpt::read_file(qpcups::kPpdPxlMono));
 }
 
-// ---- USB queue creation -----------------------------------------------------------------
 
 TEST_F(CupsTest, AddGivesUsbprinter1ThenUsbprinter2AndRefusesAThird) {
     Recorder lpadmin("/usr/bin/lpadmin", "/usr/sbin/lpadmin");
@@ -237,18 +199,15 @@ TEST_F(CupsTest, AddGivesUsbprinter1ThenUsbprinter2AndRefusesAThird) {
     EXPECT_EQ(disable.runs(), each({"/usr/bin/cupsdisable"}, {"usbprinter1", "usbprinter", "usbprinter"}));
     EXPECT_EQ(log_.count(("disable printer=" + kId1 + " failed").c_str()), 1u);
     EXPECT_EQ(log_.count("add cups printer=usbprinter1, ok"), 1u);
-    EXPECT_EQ(log_.count("add cups printer=usbprinter, ok"), 1u);
     EXPECT_TRUE(Cupsd::is_stopped("usbprinter"));
     EXPECT_EQ(stored_name(kId1), "usbprinter1");
 
-    // The second printer, with a PPD whose path holds blanks: no twin, the
-    // PPD goes to lpadmin and is kept under the printer ID.
+    // The second printer, with a PPD whose path holds blanks: no twin, the PPD is kept by printer ID.
     const std::string ppd = "/tmp/my ppds/office laser.ppd", kept = "/etc/cups/ppd/" + kId2 + ".ppd";
     qpt::write_file(ppd, qpt::read_file(qpcups::kPpdGeneric));
     lpadmin.forget();
     ASSERT_EQ(QORAPrinterCupsAdd(kId2.c_str(), ppd.c_str()), 0);
     EXPECT_EQ(qpt::read_file(kept), qpt::read_file(ppd));
-    EXPECT_TRUE(Cupsd::is_stopped("usbprinter2"));
     EXPECT_EQ(stored_name(kId2), "usbprinter2");
     // Re-created without a PPD, it keeps its name and its kept PPD.
     ASSERT_EQ(qpt::run({"/usr/sbin/lpadmin", "-x", "usbprinter2"}).status, 0);
@@ -263,16 +222,6 @@ TEST_F(CupsTest, AddGivesUsbprinter1ThenUsbprinter2AndRefusesAThird) {
     EXPECT_EQ(log_.count(("cannot find cups printer name, printer=" + kId3).c_str()), 1u);
     EXPECT_TRUE(lpadmin.runs().empty());
     EXPECT_EQ(qpt::read_file(kConf), conf);
-
-    // Without a host name, -P follows the URI at once.
-    ASSERT_EQ(unshare(CLONE_NEWUTS), 0);
-    ASSERT_EQ(sethostname("", 0), 0);
-    Cupsd::remove_all_queues();
-    const int rc = QORAPrinterCupsAdd(kId3.c_str(), qpcups::kPpdPxlMono);
-    ASSERT_EQ(sethostname(host.c_str(), host.size()), 0);
-    EXPECT_EQ(rc, 0);
-    EXPECT_EQ(lpadmin.runs(), (std::vector<Argv>{add_argv("usbprinter1", usb_uri(kId3), "", qpcups::kPpdPxlMono),
-                                                 add_argv("usbprinter", usb_uri(kId3), "")}));
 }
 
 TEST_F(CupsTest, AddKeepsAValidStoredNameAndReplacesOneThatMovedAway) {
@@ -283,8 +232,7 @@ TEST_F(CupsTest, AddKeepsAValidStoredNameAndReplacesOneThatMovedAway) {
     EXPECT_EQ(stored_name(kId1), "usbprinter2");
     EXPECT_FALSE(Cupsd::has_queue("usbprinter1"));
 
-    // Stored usbprinter2 now on another device; usbprinter10 makes
-    // usbprinter1 look taken, so no name is left.
+    // Stored usbprinter2 now on another device; usbprinter10 makes usbprinter1 look taken.
     ASSERT_TRUE(Cupsd::add_queue("usbprinter10", usb_uri(kId3)));
     ASSERT_EQ(QLIBCFileSetSectionValue(kConf, kId2.c_str(), "cups printer name", "usbprinter2"), 0);
     EXPECT_EQ(QORAPrinterCupsAdd(kId2.c_str(), nullptr), -1);
@@ -317,22 +265,9 @@ TEST_F(CupsTest, AddRetriesLpadminFailsOnBadPpdPathsAndStartsTheService) {
 
     // A directory cannot be copied nor used: three failed runs, then -1.
     qpt::mkdirs("/tmp/ppd.dir");
-    log_.reset();
     EXPECT_EQ(QORAPrinterCupsAdd(kId2.c_str(), "/tmp/ppd.dir"), -1);
     EXPECT_EQ(log_.count("Failed to backup ppd file: /tmp/ppd.dir[0x2A00 printer_backup_ppd.cpp:"), 1u);
-    for (int left : {2, 1, 0})
-        EXPECT_EQ(log_.count(("add cups printer=usbprinter2, retry(" + std::to_string(left) + ") ...").c_str()), 1u);
     EXPECT_EQ(lpadmin.runs().size(), 3u);
-
-    // Stopped, then slow to start: the call waits for it.
-    g_cupsd->stop();
-    {
-        Recorder cupsd("/usr/sbin/cupsd");
-        cupsd.delay_ms(700);
-        ASSERT_EQ(QORAPrinterCupsAdd(kId1.c_str(), nullptr), 0);
-        EXPECT_EQ(cupsd.runs(), (std::vector<Argv>{{"/usr/sbin/cupsd"}}));
-    }
-    EXPECT_TRUE(Cupsd::has_queue("usbprinter1"));
 
     g_cupsd->stop();
     {
@@ -341,17 +276,8 @@ TEST_F(CupsTest, AddRetriesLpadminFailsOnBadPpdPathsAndStartsTheService) {
         EXPECT_EQ(QORAPrinterCupsAdd(kId1.c_str(), nullptr), -1);
         EXPECT_EQ(log_.count(LOG_ERR, "start cupsd failed. [0x2A00 "), 1u);
     }
-
-    // An empty ID is refused only once the service runs.
-    log_.reset();
-    EXPECT_EQ(QORAPrinterCupsAdd("", nullptr), -1);
-    expect_code(ERR_BAD_PARAMETER, "printer_cups_printer_add.cpp");
-    EXPECT_EQ(log_.count(LOG_ERR, "Invaild Argument (0 != szPrinterId[0])=[0]"), 1u);
-    EXPECT_EQ(log_.count(LOG_ERR, "cannot find cups printer name, printer="), 1u);
-    EXPECT_GT(Cupsd::find_pid(), 0);
 }
 
-// ---- network queue creation -----------------------------------------------------------------
 
 TEST_F(CupsTest, NetAddBuildsTheUriFromTheRecordAndKeepsThePpdByPrinterId) {
     Recorder lpadmin("/usr/bin/lpadmin", "/usr/sbin/lpadmin");
@@ -365,16 +291,20 @@ TEST_F(CupsTest, NetAddBuildsTheUriFromTheRecordAndKeepsThePpdByPrinterId) {
     ASSERT_EQ(QORAPrinterNetCupsAdd(&conf, qpcups::kPpdGeneric), 0);
     EXPECT_EQ(Cupsd::uri_of("lab"), "ipp://192.168.1.20/printers/lab");
     EXPECT_FALSE(Cupsd::is_stopped("lab"));
-    EXPECT_EQ(qpt::read_file("/etc/cups/ppd/192.168.1.20-lab.ppd"), qpt::read_file(qpcups::kPpdGeneric));
     EXPECT_EQ(log_.count("add cups network printer=lab, ok"), 1u);
 
-    // Again without a PPD, with an empty remote queue, and with the service
-    // down: it is started, the kept copy is used and the URI ends in "/".
+    // Again without a PPD, an empty remote queue and the service down:
+    // it is started, the kept copy is used and the URI ends in "/".
     strcpy(conf.szBackend, "socket");
     conf.szQName[0] = 0;
     lpadmin.forget();
     g_cupsd->stop();
-    ASSERT_EQ(QORAPrinterNetCupsAdd(&conf, nullptr), 0);
+    {
+        Recorder cupsd("/usr/sbin/cupsd");
+        cupsd.delay_ms(700);  // slow to start: the call waits for it
+        ASSERT_EQ(QORAPrinterNetCupsAdd(&conf, nullptr), 0);
+        EXPECT_EQ(cupsd.runs(), (std::vector<Argv>{{"/usr/sbin/cupsd"}}));
+    }
     EXPECT_EQ(lpadmin.runs(), std::vector<Argv>{add_argv("lab", "socket://192.168.1.20/", host_name(),
                                                          "/etc/cups/ppd/192.168.1.20-lab.ppd")});
 
@@ -383,7 +313,6 @@ TEST_F(CupsTest, NetAddBuildsTheUriFromTheRecordAndKeepsThePpdByPrinterId) {
     EXPECT_EQ(log_.count("cannot find cups printer name, printer=192.168.1.20-lab"), 1u);
 }
 
-// ---- removal ------------------------------------------------------------------------------------
 
 TEST_F(CupsTest, RemovalTakesTheTwinAndOnlyTheQueueOfThisPrinter) {
     for (const char *q : {"usbprinter1", "usbprinter"}) ASSERT_TRUE(Cupsd::add_queue(q, usb_uri(kId1)));
@@ -395,13 +324,11 @@ TEST_F(CupsTest, RemovalTakesTheTwinAndOnlyTheQueueOfThisPrinter) {
     // usbprinter2 serves another device now: nothing is removed.
     EXPECT_EQ(QORAPrinterCupsRm(kId2.c_str()), -1);
     EXPECT_EQ(log_.count(("cannot find cups printer name, printer=" + kId2).c_str()), 1u);
-    EXPECT_EQ(QORAPrinterCupsRm(kId3.c_str()), -1);  // nothing stored
     EXPECT_TRUE(lpadmin.runs().empty());
 
     ASSERT_EQ(QORAPrinterCupsRm(kId1.c_str()), 0);
     EXPECT_EQ(stored_name(kId1), "usbprinter1");  // the key stays
-    // By name: only the exact "usbprinter1" has a twin; a missing queue
-    // (lpadmin exits 1) counts as removed.
+    // By name: only the exact "usbprinter1" has a twin; a missing queue counts as removed.
     EXPECT_EQ(QORAPrinterCupsRmByName("USBprinter1"), 0);
     EXPECT_EQ(QORAPrinterCupsRmByName("usbprinter2"), 0);
     EXPECT_EQ(lpadmin.runs(),
@@ -430,10 +357,8 @@ TEST_F(CupsTest, ScrubDropsUsbBlocksAtomicallyOnlyWhileCupsdIsStopped) {
     EXPECT_EQ(log_.count("skip remove printer, cupsd alive. [0xD000 printer_cups_usb_conf_rm_all.cpp:"), 1u);
     EXPECT_EQ(qpt::read_file(qpcups::kPrintersConf), live);
 
-    // Stopped: only the three USB names go. Indented and other tags are
-    // copied, CRLF lines are matched, a long line is cut in pieces, an
-    // unclosed block runs to the end; the file keeps its mode and owner and
-    // no copy is left behind.
+    // Stopped: only the USB names go; indented and other tags are copied, CRLF lines match, a long
+    // line is cut in pieces, an unclosed block runs to the end; mode and owner kept, no copy left.
     g_cupsd->stop();
     const std::string head = "# head\r\n<Printer office>\nkeep0\n</Printer>\n<Printer usbprinter10>\n</Printer>\n";
     qpt::write_file(qpcups::kPrintersConf,
@@ -460,8 +385,7 @@ TEST_F(CupsTest, ScrubDropsUsbBlocksAtomicallyOnlyWhileCupsdIsStopped) {
 
 TEST_F(CupsTest, ScrubThatCannotWriteTheCopyKeepsTheOldFile) {
     g_cupsd->stop();
-    // A 3-page tmpfs over /etc/cups: the 2-page file fits, its copy does not,
-    // and the stdio buffer makes the failure show only when the copy is flushed.
+    // A 3-page tmpfs: the 2-page file fits, its copy does not, and the failure shows only at the flush.
     ASSERT_EQ(mount("tmpfs", "/etc/cups", "tmpfs", 0, "size=12k,mode=0755"), 0) << strerror(errno);
     struct Unmount {
         ~Unmount() { umount2("/etc/cups", MNT_DETACH); }
@@ -478,7 +402,6 @@ TEST_F(CupsTest, ScrubThatCannotWriteTheCopyKeepsTheOldFile) {
     EXPECT_TRUE(log_.lines().empty());
 }
 
-// ---- printing and jobs ---------------------------------------------------------------------------
 
 TEST_F(CupsTest, PrintSubmitsToTheStoredQueueAndJobWaitSeesTheJob) {
     ASSERT_TRUE(Cupsd::add_queue("usbprinter2", usb_uri(kId1)));
@@ -488,17 +411,14 @@ TEST_F(CupsTest, PrintSubmitsToTheStoredQueueAndJobWaitSeesTheJob) {
 
     qpt::write_file("/tmp/job one.txt", std::string(7777, 'a'));
     ASSERT_EQ(QORAPrinterCupsPrintFile(kId1.c_str(), "/tmp/job one.txt", "Quarterly", 1), 0);
-    ASSERT_EQ(QORAPrinterCupsPrintFile(kId1.c_str(), "/usr/share/cups/data/testprint", "", 2), 0);
     ASSERT_EQ(QORAPrinterCupsPrintTestPage(kId1.c_str()), 0);
     EXPECT_EQ(lpr.runs(), (std::vector<Argv>{
                               {"/usr/bin/lpr", "-P", "usbprinter2", "-r", "-T", "Quarterly", "/tmp/job one.txt"},
-                              {"/usr/bin/lpr", "-P", "usbprinter2", "/usr/share/cups/data/testprint"},
                               {"/usr/bin/lpr", "-P", "usbprinter2", "/usr/share/cups/data/testprint"}}));
 
-    // The stopped queue holds the jobs; "819" is no job ID, but lpq shows
-    // the first job's size as "8192 bytes".
+    // The stopped queue holds the jobs; "819" is no job ID, but lpq shows "8192 bytes".
     std::vector<std::string> jobs = Cupsd::jobs("usbprinter2");
-    ASSERT_EQ(jobs.size(), 3u);
+    ASSERT_EQ(jobs.size(), 2u);
     EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), jobs[0].c_str()), 1);
     EXPECT_EQ(log_.count("CheckJobIdInQueue failed."), 1u);
     EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "819"), 1);
@@ -508,20 +428,9 @@ TEST_F(CupsTest, PrintSubmitsToTheStoredQueueAndJobWaitSeesTheJob) {
 
     // A failed listing is taken again, within a bound.
     Recorder lpq("/usr/bin/lpq");
-    lpq.fail_next(1, -9);
-    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "5"), 0);
-    EXPECT_EQ(lpq.runs().size(), 2u);
-    lpq.forget();
     lpq.fail_next(100, -9);
     EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "5"), 0);
     EXPECT_EQ(lpq.runs().size(), 5u);
-    // lpq gone on the second pass: the first pass's answer stands.
-    lpq.forget();
-    lpq.vanish_after_run();
-    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "5"), 0);
-    EXPECT_EQ(lpq.runs().size(), 1u);
-    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "5"), -1);
-    EXPECT_EQ(log_.count("open failed. [0x"), 2u);
 
     // A printer without a stored queue, and a stored queue that is gone.
     log_.reset();
@@ -535,8 +444,6 @@ TEST_F(CupsTest, PrintSubmitsToTheStoredQueueAndJobWaitSeesTheJob) {
     EXPECT_EQ(log_.count("execv error, cmd=/usr/bin/lpr, ret=1"), 1u);
     EXPECT_EQ(log_.count(("cannot print test page, printer id=" + kId3).c_str()), 1u);
     EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId2.c_str(), "1"), -1);
-    // The lookup logs this too, for the print above and for the wait.
-    EXPECT_EQ(log_.count(("get cups printer name failed, printer=" + kId2).c_str()), 3u);
 }
 
 TEST_F(CupsTest, CleanSpoolEmptiesTheSpoolEvenWhenLprmFails) {
