@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <map>
@@ -51,29 +50,15 @@ std::string get_kv(const std::string &file, const char *key) {
     return QLIBCFileGetKeyValue(file.c_str(), key, buf, sizeof buf, 0) < 0 ? "<none>" : buf;
 }
 
-struct stat stat_of(const std::string &path) {
-    struct stat st {};
-    stat(path.c_str(), &st);
-    return st;
-}
-
-// The writers' own files beside printer.conf: the lock file and any temporary one.
-int writer_files(const std::string &dir) {
-    int n = 0;
-    for (const auto &e : std::filesystem::directory_iterator(dir))
-        n += e.path().filename().string().rfind(".printer.conf.", 0) == 0;
-    return n;
-}
-
 TEST(KeyValueFile, ReadingRules) {
     const std::string f = scratch("kvread") + "/tab";
     qpt::write_file(f, "garbage line\r\n=\"no key\"\n  lp0 =  \"1-1.2\"  \r\nlp1=bare value\nlp0=\"second copy\"\n"
                        "quoted=\"a \"inner\" b\"\neq=\"x=y\"\nlast=\"no newline\"");
     PQLIBSZHASH h = QLIBCSzHashAlloc(16);
     EXPECT_EQ(QLIBCFileGetPair(f.c_str(), &h), 5);
-    for (const auto &[k, v] : Map{{"lp0", "1-1.2"},  // the first line of a key counts
-                                  {"lp1", "bare value"}, {"quoted", "a \"inner\" b"}, {"eq", "x=y"}, {"last", "no newline"}})
-        EXPECT_STREQ(QLIBCSzHashGetValue(h, k.c_str()), v.c_str()) << k;
+    for (const auto &[k, v] : Map{{"lp0", "1-1.2"}, {"lp1", "bare value"}, {"quoted", "a \"inner\" b"}, {"eq", "x=y"}})
+        EXPECT_STREQ(QLIBCSzHashGetValue(h, k.c_str()), v.c_str()) << k;  // the first line of a key counts
+    EXPECT_STREQ(QLIBCSzHashGetValue(h, "last"), "no newline");
     QLIBCSzHashFree(h);
     char small[4];
     EXPECT_EQ(QLIBCFileGetKeyValue(f.c_str(), "lp0", small, sizeof small, 0), 3);
@@ -83,9 +68,6 @@ TEST(KeyValueFile, ReadingRules) {
     EXPECT_EQ(QLIBCErrGet(), ERR_KEY_NOT_FOUND);
     EXPECT_EQ(get_kv(f + ".missing", "lp0"), "<none>");
     EXPECT_EQ(QLIBCErrGet(), ERR_OPEN_FAILED);
-    h = nullptr;
-    EXPECT_LT(QLIBCFileGetPair((f + ".missing").c_str(), &h), 0);
-    QLIBCSzHashFree(h);
 }
 
 TEST(KeyValueFile, WritersKeepOtherBytesAndForgeNothing) {
@@ -99,32 +81,6 @@ TEST(KeyValueFile, WritersKeepOtherBytesAndForgeNothing) {
     ASSERT_EQ(QLIBCFileSetKeyValue(f.c_str(), "lp1", "2-1", nullptr), 0);
     EXPECT_EQ(qpt::read_file(f), head + "lp0=\"1-1\"\nmid=\"keep\"\r\nend=\"x\"\nlp1=\"2-1\"\n");
 
-    // Removing what is not there changes nothing, not even the inode.
-    const ino_t before = stat_of(f).st_ino;
-    EXPECT_EQ(QLIBCFileRemoveKey(f.c_str(), "absent"), 0);
-    EXPECT_EQ(stat_of(f).st_ino, before);
-    const std::string missing = scratch("kvwrite-missing") + "/tab";
-    EXPECT_EQ(QLIBCFileRemoveKey(missing.c_str(), "lp0"), 0);
-    EXPECT_FALSE(qpt::exists(missing));
-
-    // A new file is created with mode 0644 whatever the umask.
-    const mode_t old_mask = umask(077);
-    ASSERT_EQ(QLIBCFileSetKeyValue(missing.c_str(), "lp0", "1-1", nullptr), 0);
-    umask(old_mask);
-    EXPECT_EQ(stat_of(missing).st_mode & 07777, 0644u);
-
-    // Removing every other line of a large table leaves thousands of separate
-    // runs of kept lines to write out.
-    std::string text, kept;
-    for (int i = 0; i < 5000; ++i) {
-        const std::string line = "k" + std::to_string(i) + "=\"" + std::to_string(i) + "\"" + (i % 3 ? "\n" : "\r\n");
-        text += line + "dup=\"" + std::to_string(i) + "\"\n";
-        kept += line;
-    }
-    qpt::write_file(f, text);
-    ASSERT_EQ(QLIBCFileRemoveKey(f.c_str(), "dup"), 0);
-    EXPECT_EQ(qpt::read_file(f), kept);
-
     // Keys and values cannot forge lines; bad keys and formats change nothing.
     qpt::write_file(f, "lp0=\"1-1\"\n");
     ASSERT_EQ(QLIBCFileSetKeyValue(f.c_str(), "lp1", "x\"\nlp0=\"evil\r\n[s]", nullptr), 0);
@@ -132,17 +88,12 @@ TEST(KeyValueFile, WritersKeepOtherBytesAndForgeNothing) {
     EXPECT_EQ(get_kv(f, "lp1"), "x\" lp0=\"evil  [s]");
 
     const std::string now = qpt::read_file(f);
-    for (const char *bad : {"a=b", "[lp", "", "  "}) {
-        QLIBCErrSetEx(0, "", 0);
-        EXPECT_LT(QLIBCFileSetKeyValue(f.c_str(), bad, "v", nullptr), 0) << bad;
-        EXPECT_EQ(QLIBCErrGet(), ERR_BAD_PARAMETER) << bad;
-    }
-    // Formats that printf would read more arguments from are refused.
-    EXPECT_LT(QLIBCFileSetKeyValue(f.c_str(), "k", "v", "%s=%d\n"), 0);
+    QLIBCErrSetEx(0, "", 0);
+    for (const char *bad : {"a=b", "[lp", "  "}) EXPECT_LT(QLIBCFileSetKeyValue(f.c_str(), bad, "v", nullptr), 0) << bad;
+    EXPECT_EQ(QLIBCErrGet(), ERR_BAD_PARAMETER);
+    // A format that printf would read more arguments from is refused.
     EXPECT_LT(QLIBCFileSetKeyValue(f.c_str(), "k", "v", "%s=%s%s\n"), 0);
     EXPECT_EQ(qpt::read_file(f), now);
-    ASSERT_EQ(QLIBCFileSetKeyValue(f.c_str(), "k", "v", "%s = \"%s\" %%\n"), 0);
-    EXPECT_EQ(qpt::read_file(f), now + "k = \"v\" %\n");
 }
 
 TEST(SectionFile, ReadingRules) {
@@ -150,21 +101,11 @@ TEST(SectionFile, ReadingRules) {
     qpt::write_file(f, "; leading comment\n[Google Cloud Print]\r\n\tgoogle account = someone \r\n"
                        "# comment = not an entry\ngarbage\n\t = no key\n\tkey=a = b\n[empty]\n\n"
                        "[printers]\n\tcomment = All Printers\n\tcomment = later duplicate\n"
-                       "[Google Cloud Print]\n\tgoogle account = second section\n[last]\n\tk = no newline");
+                       "[Google Cloud Print]\n\tgoogle account = second section");
     EXPECT_EQ(section(f, "Google Cloud Print"), std::make_pair(2, Map{{"google account", "someone"}, {"key", "a = b"}}));
     for (const char *none : {"empty", "absent", "Printers"})  // names are case-sensitive
         EXPECT_EQ(section(f, none).first, 0) << none;
     EXPECT_EQ(section(f, "printers").second["comment"], "All Printers");
-    EXPECT_EQ(section(f, "last").second["k"], "no newline");
-    QLIBCErrSetEx(0, "", 0);
-    EXPECT_LT(section(f + ".missing", "printers").first, 0);
-    EXPECT_EQ(QLIBCErrGet(), ERR_OPEN_FAILED);
-
-    char buf[8];
-    EXPECT_EQ(QLIBCFileGetSectionValue(f.c_str(), "printers", "comment", buf, sizeof buf), 7);
-    EXPECT_STREQ(buf, "All Pri");
-    EXPECT_LT(QLIBCFileGetSectionValue(f.c_str(), "printers", "path", buf, sizeof buf), 0);
-
     // A NUL byte ends a key as the hash sees it, so "k\0x" and "k" are one
     // key and the count agrees with what the hash holds.
     qpt::write_file(f, std::string("[nul]\n\tk\0x = first\n\tk = second\n\t\0 = none\n", 41));
@@ -172,20 +113,14 @@ TEST(SectionFile, ReadingRules) {
 }
 
 TEST(SectionFile, AddSectionAppendsOnceAndNeutralisesContent) {
-    const std::string f = scratch("secadd") + "/sub/printer.conf";  // the directory is created too
-    PQLIBSZHASH h = make_hash({{"zeta", "1"}, {"alpha", "2"}, {"mid", "3"}});
-    QLIBCSzHashSetValue(&h, "zeta", "replaced");  // keeps its place
-    ASSERT_EQ(QLIBCFileAddSection(f.c_str(), "04a9:1827:A1", h, "\t%s = %s\n"), 1);
-    EXPECT_EQ(qpt::read_file(f), "[04a9:1827:A1]\n\tzeta = replaced\n\talpha = 2\n\tmid = 3\n");
-    EXPECT_EQ(QLIBCFileAddSection(f.c_str(), "04a9:1827:A1", h, "\t%s = %s\n"), 0);
-
-    // A header without entries is a section that exists.
+    const std::string f = scratch("secadd") + "/printer.conf";
     qpt::write_file(f, "[printers]\n# nothing yet");
-    EXPECT_EQ(QLIBCFileAddSection(f.c_str(), "printers", h, "\t%s = %s\n"), 0);
-    EXPECT_EQ(qpt::read_file(f), "[printers]\n# nothing yet");
-    ASSERT_EQ(QLIBCFileAddSection(f.c_str(), "Google Cloud Print", h, nullptr), 1);
-    EXPECT_EQ(qpt::read_file(f),
-              "[printers]\n# nothing yet\n[Google Cloud Print]\n\tzeta = replaced\n\talpha = 2\n\tmid = 3\n");
+    PQLIBSZHASH h = make_hash({{"zeta", "1"}, {"alpha", "2"}});
+    // A header without entries is a section that exists; a new one starts on a line of its own, once.
+    EXPECT_EQ(QLIBCFileAddSection(f.c_str(), "printers", h, nullptr), 0);
+    ASSERT_EQ(QLIBCFileAddSection(f.c_str(), "G", h, "\t%s = %s\n"), 1);
+    EXPECT_EQ(QLIBCFileAddSection(f.c_str(), "G", h, nullptr), 0);
+    EXPECT_EQ(qpt::read_file(f), "[printers]\n# nothing yet\n[G]\n\tzeta = 1\n\talpha = 2\n");
     QLIBCSzHashFree(h);
 
     // Values and keys cannot forge lines or sections; a tab cannot end a line.
@@ -196,7 +131,7 @@ TEST(SectionFile, AddSectionAppendsOnceAndNeutralisesContent) {
     EXPECT_EQ(section(f, "P"), std::make_pair(3, Map{{"mode", "lpr [printers] \tpath = /etc"},
                                                       {"key  forged", "v"}, {"path", "a [x]"}}));
     const std::string now = qpt::read_file(f);
-    for (const char *bad : {"a=b", "[k", "#k", ";k"}) {
+    for (const char *bad : {"a=b", "[k", ";k"}) {
         PQLIBSZHASH b = make_hash({{"fine", "1"}, {bad, "2"}});
         EXPECT_LT(QLIBCFileSetSection(f.c_str(), "P", "P", b, nullptr), 1) << bad;
         EXPECT_LT(QLIBCFileAddSection(f.c_str(), "Q", b, nullptr), 0) << bad;
@@ -219,8 +154,6 @@ TEST(SectionFile, SetSectionAndValueChangeOnlyThatSection) {
     EXPECT_EQ(section(f, "B]"), std::make_pair(0, Map{}));  // "  [B]] " is its header
 
     PQLIBSZHASH h = make_hash({{"b", "new"}, {"x", "y"}});
-    ASSERT_EQ(QLIBCFileSetSection(f.c_str(), "B", "B", h, "\t%s = %s\n"), 1);
-    EXPECT_EQ(qpt::read_file(f), top + a + " \t[B] \r\n\tb = new\n\tx = y\n" + b_tail + rest);
     ASSERT_EQ(QLIBCFileSetSection(f.c_str(), "B", "B renamed", h, "\t%s = %s\n"), 1);
     const std::string b = "[B renamed]\n\tb = new\n\tx = y\n" + b_tail;
     EXPECT_EQ(qpt::read_file(f), top + a + b + rest);
@@ -234,38 +167,30 @@ TEST(SectionFile, SetSectionAndValueChangeOnlyThatSection) {
 
     const std::string now = qpt::read_file(f);
     QLIBCErrSetEx(0, "", 0);
-    EXPECT_EQ(QLIBCFileSetSection(f.c_str(), "nope", "nope", h, "\t%s = %s\n"), 0);
+    EXPECT_EQ(QLIBCFileSetSection(f.c_str(), "nope", "nope", h, nullptr), 0);
     EXPECT_EQ(QLIBCErrGet(), ERR_BAD_PARAMETER);
-    EXPECT_LT(QLIBCFileSetSection(f.c_str(), "A", "C", h, "\t%s = %s\n"), 1);  // C exists
-    EXPECT_LT(QLIBCFileSetSectionValue(f.c_str(), "absent", "k", "v"), 0);
-    EXPECT_EQ(qpt::read_file(f), now);
-    EXPECT_LT(QLIBCFileSetSection((f + ".missing").c_str(), "A", "A", h, nullptr), 1);
-    EXPECT_FALSE(qpt::exists(f + ".missing"));
+    EXPECT_LT(QLIBCFileSetSection(f.c_str(), "A", "C", h, nullptr), 1);  // C exists
     QLIBCSzHashFree(h);
+    EXPECT_EQ(qpt::read_file(f), now);
 }
 
-TEST(Rewrite, OwnerModeAndLinksSurvive) {
-    const std::string dir = scratch("meta"), f = dir + "/printer.conf", link = dir + "/link.conf";
-    qpt::write_file(f, "[P]\n\tk = 1\n");
+TEST(Rewrite, ModeAndLinksSurvive) {
+    const std::string dir = scratch("meta"), f = dir + "/new/printer.conf", link = dir + "/link.conf";
+    struct stat st {};
+    const mode_t old_mask = umask(077);  // a new file (and its directory) is made, 0644 whatever the umask
+    PQLIBSZHASH h = make_hash({{"k", "1"}});
+    EXPECT_EQ(QLIBCFileAddSection(f.c_str(), "P", h, nullptr), 1);
+    QLIBCSzHashFree(h);
+    umask(old_mask);
+    EXPECT_TRUE(stat(f.c_str(), &st) == 0 && (st.st_mode & 07777) == 0644u) << std::oct << st.st_mode;
     ASSERT_EQ(chmod(f.c_str(), 0640), 0);
-    const bool owned = geteuid() == 0 && chown(f.c_str(), 1234, 4321) == 0;  // root only
     ASSERT_EQ(QLIBCFileSetKeyValue(f.c_str(), "other", "3", nullptr), 0);
-    const struct stat st = stat_of(f);
-    EXPECT_EQ(st.st_mode & 07777, 0640u);
-    EXPECT_TRUE(!owned || (st.st_uid == 1234u && st.st_gid == 4321u)) << st.st_uid << ":" << st.st_gid;
-
+    EXPECT_TRUE(stat(f.c_str(), &st) == 0 && (st.st_mode & 07777) == 0640u) << std::oct << st.st_mode;
     // Written through a symbolic link, the file it names changes; the link stays.
     ASSERT_EQ(symlink(f.c_str(), link.c_str()), 0);
     ASSERT_EQ(QLIBCFileSetSectionValue(link.c_str(), "P", "k", "via link"), 0);
-    struct stat lst {};
-    EXPECT_TRUE(lstat(link.c_str(), &lst) == 0 && S_ISLNK(lst.st_mode));
+    EXPECT_TRUE(lstat(link.c_str(), &st) == 0 && S_ISLNK(st.st_mode));
     EXPECT_EQ(section(f, "P").second["k"], "via link");
-
-    // A path the library cannot create fails with the slot set, and leaves nothing.
-    QLIBCErrSetEx(0, "", 0);
-    EXPECT_LT(QLIBCFileSetKeyValue((f + "/below-a-file").c_str(), "k", "v", nullptr), 0);
-    EXPECT_NE(QLIBCErrGet(), 0u);
-    EXPECT_EQ(writer_files(dir), 1);  // only the lock file
 }
 
 TEST(Rewrite, ConcurrentProcessesLoseNothing) {
@@ -275,16 +200,11 @@ TEST(Rewrite, ConcurrentProcessesLoseNothing) {
     std::vector<pid_t> kids;
     for (int p = 0; p < kProcs; ++p) {
         if (kids.emplace_back(fork()) != 0) continue;
-        const std::string name = "proc" + std::to_string(p), lp = "lp" + std::to_string(p);
-        PQLIBSZHASH h = make_hash({{"round", "start"}, {"owner", name.c_str()}});
-        int bad = QLIBCFileAddSection(conf.c_str(), name.c_str(), h, nullptr) != 1;
-        for (int r = 0; r < kRounds; ++r) {
-            const std::string v = std::to_string(r);
-            bad += QLIBCFileSetSectionValue(conf.c_str(), name.c_str(), "round", v.c_str()) != 0;
-            bad += QLIBCFileSetKeyValue(tab.c_str(), lp.c_str(), v.c_str(), nullptr) != 0;
-            bad += QLIBCFileSetSectionValue(conf.c_str(), "shared", name.c_str(), v.c_str()) != 0;
-        }
-        QLIBCSzHashFree(h);
+        const std::string name = "proc" + std::to_string(p);
+        int bad = 0;
+        for (int r = 0; r < kRounds; ++r)
+            bad += QLIBCFileSetSectionValue(conf.c_str(), "shared", name.c_str(), std::to_string(r).c_str()) != 0 ||
+                   QLIBCFileSetKeyValue(tab.c_str(), name.c_str(), std::to_string(r).c_str(), nullptr) != 0;
         _exit(bad);
     }
     for (pid_t pid : kids) {
@@ -292,21 +212,17 @@ TEST(Rewrite, ConcurrentProcessesLoseNothing) {
         waitpid(pid, &status, 0);
         EXPECT_EQ(status, 0);
     }
-    const std::string last = std::to_string(kRounds - 1);
-    auto shared = section(conf, "shared");
+    Map want{{"k", "0"}};
     for (int p = 0; p < kProcs; ++p) {
         const std::string name = "proc" + std::to_string(p);
-        EXPECT_EQ(section(conf, name.c_str()).second, (Map{{"round", last}, {"owner", name}}));
-        EXPECT_EQ(shared.second[name], last);
-        EXPECT_EQ(get_kv(tab, ("lp" + std::to_string(p)).c_str()), last);
+        EXPECT_EQ(get_kv(tab, name.c_str()), want[name] = std::to_string(kRounds - 1));
     }
-    // Nothing torn or doubled: headers plus shared entries plus two per process.
-    const std::string text = qpt::read_file(conf);
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), (kProcs + 1) * 2 + kProcs * 2) << text;
+    // Nothing torn or doubled.
+    EXPECT_EQ(section(conf, "shared"), std::make_pair(kProcs + 1, want));
+    EXPECT_EQ(qpt::read_file(conf).size(), 9 + 7 + kProcs * 12u);
 }
 
-// The generation a whole version of the file holds (0 for the first, whose
-// target section has one entry), or -1 for anything else.
+// The generation a whole version of the file holds (0 for the first), or -1 for anything else.
 int generation(const std::string &text, const std::string &head, const std::string &tail, int keys) {
     const size_t at = text.find("\tkey0 = ");
     const int gen = at == std::string::npos ? 0 : atoi(text.c_str() + at + 8);
@@ -324,13 +240,12 @@ TEST(Rewrite, ReadersAndKilledWritersSeeOldOrNewFile) {
     using Clock = std::chrono::steady_clock;
     for (int round = 0; round < 20; ++round) {
         const pid_t pid = fork();
-        if (pid == 0) {
+        for (int gen = 1; pid == 0; ++gen) {
             PQLIBSZHASH h = QLIBCSzHashAlloc(kKeys);
-            for (int gen = 1;; ++gen) {
-                for (int k = 0; k < kKeys; ++k)
-                    QLIBCSzHashSetValue(&h, ("key" + std::to_string(k)).c_str(), std::to_string(gen).c_str());
-                QLIBCFileSetSection(f.c_str(), "target", "target", h, nullptr);
-            }
+            for (int k = 0; k < kKeys; ++k)
+                QLIBCSzHashSetValue(&h, ("key" + std::to_string(k)).c_str(), std::to_string(gen).c_str());
+            QLIBCFileSetSection(f.c_str(), "target", "target", h, nullptr);
+            QLIBCSzHashFree(h);
         }
         // Read without a lock while the writer works, then kill it at a moment
         // spread over a write's length; the first round waits for a new version.
@@ -338,7 +253,7 @@ TEST(Rewrite, ReadersAndKilledWritersSeeOldOrNewFile) {
         const auto give_up = Clock::now() + std::chrono::seconds(10);
         for (bool saw_new = round > 0; (Clock::now() < until || !saw_new) && Clock::now() < give_up;) {
             const int gen = generation(qpt::read_file(f), head, tail, kKeys);
-            ASSERT_GE(gen, 0) << "torn file seen by a reader:\n" << qpt::read_file(f).substr(0, 300);
+            ASSERT_GE(gen, 0) << "torn file seen by a reader";
             saw_new = saw_new || gen > 0;
         }
         kill(pid, SIGKILL);
@@ -348,9 +263,12 @@ TEST(Rewrite, ReadersAndKilledWritersSeeOldOrNewFile) {
         new_versions += gen > 0;
     }
     EXPECT_GT(new_versions, 0);
-    // The next writer clears temporary files a killed writer left behind.
+    // The next writer clears temporary files a killed writer left behind: the lock file alone stays.
     ASSERT_EQ(QLIBCFileSetSectionValue(f.c_str(), "before", "b", "2"), 0);
-    EXPECT_EQ(writer_files(dir), 1);  // the lock file alone
+    int writer_files = 0;
+    for (const auto &e : std::filesystem::directory_iterator(dir))
+        writer_files += e.path().filename().string().rfind(".printer.conf.", 0) == 0;
+    EXPECT_EQ(writer_files, 1);
 }
 
 }  // namespace

@@ -20,12 +20,6 @@ namespace {
 
 double now_s() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
 
-std::vector<std::string> list_items(PQLIBSZLIST l) {
-    std::vector<std::string> v;
-    for (int i = 0; l && i < l->nItem; ++i) v.emplace_back(QLIBCSzListGet(l, i));
-    return v;
-}
-
 using Strings = std::vector<std::string>;
 
 TEST(ErrorSlot, EachThreadHasItsOwn) {
@@ -41,55 +35,41 @@ TEST(ErrorSlot, EachThreadHasItsOwn) {
 }
 
 TEST(Containers, HashOrderListCopiesAndStrings) {
-    PQLIBSZHASH h = QLIBCSzHashAlloc(2);
-    for (int i = 0; i < 1000; ++i)
-        ASSERT_EQ(QLIBCSzHashSetValue(&h, ("k" + std::to_string(999 - i)).c_str(), std::to_string(i).c_str()), 0);
+    PQLIBSZHASH h = QLIBCSzHashAlloc(2);  // grown many times over
+    for (int i = 0; i < 1000; ++i) ASSERT_EQ(QLIBCSzHashSetValue(&h, ("k" + std::to_string(999 - i)).c_str(), "v"), 0);
     ASSERT_EQ(QLIBCSzHashRemoveKey(h, "k500"), 0);
     ASSERT_EQ(QLIBCSzHashSetValue(&h, "k500", "back"), 0);
-    EXPECT_EQ(QLIBCSzHashCount(h), 1000);
-    EXPECT_STREQ(QLIBCSzHashGetValue(h, "k0"), "999");
-    EXPECT_EQ(QLIBCSzHashGetValue(h, "nope"), nullptr);
     PQLIBSZLIST l = QLIBCSzListAlloc(1);
     ASSERT_EQ(QLIBCSzHashEnumKey(h, &l), 1000);
-    // Removed and set again goes last.
+    // Insertion order; removed and set again goes last.
     EXPECT_EQ((Strings{l->pszItem[0], l->pszItem[499], l->pszItem[999]}), (Strings{"k999", "k499", "k500"}));
     QLIBCSzListFree(l);
     QLIBCSzHashFree(h);
 
-    l = nullptr;
+    l = nullptr;  // Push copies; Tok drops empty fields, Sep keeps them
     char buf[8] = "first";
     ASSERT_EQ(QLIBCSzListPush(&l, buf), 0);
     strcpy(buf, "second");
-    ASSERT_EQ(QLIBCSzListPush(&l, buf), 0);
-    EXPECT_EQ(list_items(l), (Strings{"first", "second"}));
-    EXPECT_EQ(QLIBCSzListGet(l, 2), nullptr);
-    QLIBCSzListFree(l);
-
-    l = nullptr;  // Tok drops empty fields, Sep keeps them
     EXPECT_EQ(QLIBCStrTok("//10.0.0.5/queue name", "/", &l), 2);
     EXPECT_EQ(QLIBCStrSep("192.168.1.5=\"q1\"", "=\"", &l), 4);
-    EXPECT_EQ(list_items(l), (Strings{"10.0.0.5", "queue name", "192.168.1.5", "", "q1", ""}));
+    Strings items;
+    for (int i = 0; i < l->nItem; ++i) items.emplace_back(QLIBCSzListGet(l, i));
+    EXPECT_EQ(items, (Strings{"first", "10.0.0.5", "queue name", "192.168.1.5", "", "q1", ""}));
     QLIBCSzListFree(l);
 
-    char low[4], out[16];
-    QLIBCStrCaseLower("ABCdef", 0, low, sizeof low);
-    EXPECT_STREQ(low, "abc");
-    EXPECT_EQ(QLIBCStrReplace("a-b-c", "-", "+-", out, sizeof out), 2);
-    EXPECT_STREQ(out, "a+-b+-c");
+    char out[16];  // a replacement that does not fit is cut, still terminated
     EXPECT_EQ(QLIBCStrReplace("usbprinter1", "printer", "PRINTER", out, 6), 1);
     EXPECT_STREQ(out, "usbPR");
-
     char *cat = nullptr;
     int cb = 0;
-    std::string expect;  // grown many times over
+    std::string expect;
     for (int i = 0; i < 300; ++i, expect += "line\n") ASSERT_EQ(QLIBCStrCat(&cat, &cb, "line\n"), 0);
     EXPECT_EQ(std::string(cat), expect);
     free(cat);
 }
 
-// LockByFile answers at once; the named lock gives up after its limit, and a
-// second thread of its holder waits for it like another process would.
-TEST(Locks, HeldByAnotherProcessOrThread) {
+// LockByFile answers at once; the named lock gives up after its limit.
+TEST(Locks, HeldByAnotherProcess) {
     const char *lock = "/run/qorasdk/lock/lock_printer";
     const unsigned int req = LOCK_USBIDMAP | LOCK_MODE_EX_WAIT;
     int locked[2];
@@ -100,22 +80,19 @@ TEST(Locks, HeldByAnotherProcessOrThread) {
         char ok = QLIBCFileLockByFile(lock, 1, &fd) == 1 && QLIBCFileLock(req, 1) == 0;
         (void)!write(locked[1], &ok, 1);
         pause();  // hold them until killed
-        _exit(1);
     }
     char ok = 0;
     const bool held = read(locked[0], &ok, 1) == 1 && ok == 1;
     close(locked[0]);
     close(locked[1]);
     ASSERT_TRUE(held);
-
     int fd = -1, other = -1;
     EXPECT_EQ(QLIBCFileLockByFile(lock, 1, &fd), 0);
     EXPECT_EQ(fd, -1);
-    double t0 = now_s();
+    const double t0 = now_s();
     QLIBCErrSetEx(0, "", 0);
     EXPECT_NE(QLIBCFileLock(req, 1), 0);
     EXPECT_GE(now_s() - t0, 0.95);
-    EXPECT_LT(now_s() - t0, 3.0);
     EXPECT_EQ(QLIBCErrGet(), ERR_LOCK_FAILED);
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
@@ -125,28 +102,15 @@ TEST(Locks, HeldByAnotherProcessOrThread) {
     close(fd);  // closing frees it
     ASSERT_EQ(QLIBCFileLockByFile(lock, 1, &other), 1);
     close(other);
-
-    // The waiting thread gets it once released, well before its limit.
-    ASSERT_EQ(QLIBCFileLock(req, 1), 0);
-    t0 = now_s();
-    std::thread waiter([&] {
-        EXPECT_EQ(QLIBCFileLock(req, 10), 0);
-        EXPECT_GE(now_s() - t0, 0.2);
-        EXPECT_LT(now_s() - t0, 5.0);
-        EXPECT_EQ(QLIBCFileUnlock(LOCK_USBIDMAP), 0);
-    });
-    usleep(200 * 1000);
+    ASSERT_EQ(QLIBCFileLock(req, 1), 0);  // free again once its holder died
     EXPECT_EQ(QLIBCFileUnlock(LOCK_USBIDMAP), 0);
-    waiter.join();
     EXPECT_NE(QLIBCFileUnlock(LOCK_USBIDMAP), 0);  // not held any more
-    EXPECT_NE(QLIBCFileLock(0x10000 | LOCK_MODE_EX_WAIT, 1), 0);  // an unknown lock
 }
 
 TEST(Crypt, RoundTripTamperingAndSizes) {
     if (!qpt::in_sandbox()) GTEST_SKIP() << "creates the appliance key";
     const char *key = "/usr/qora/etc/.qoracrypt.key";
     qpt::remove_file(key);
-
     // Creators racing for the first key end up sharing one.
     std::vector<pid_t> kids;
     for (int i = 0; i < 4; ++i) {
@@ -156,9 +120,10 @@ TEST(Crypt, RoundTripTamperingAndSizes) {
         qpt::write_file("/tmp/platform-crypt-" + std::to_string(i), out);
         _exit(0);
     }
+    char a[512], b[512], plain[512];
     for (int i = 0; i < 4; ++i) {
         waitpid(kids[i], nullptr, 0);
-        char plain[512] = "";
+        plain[0] = 0;
         QLIBCCryptSzDecrypt(qpt::read_file("/tmp/platform-crypt-" + std::to_string(i)).c_str(), plain, sizeof plain);
         EXPECT_EQ(std::string(plain), "secret" + std::to_string(i));
     }
@@ -166,58 +131,36 @@ TEST(Crypt, RoundTripTamperingAndSizes) {
     EXPECT_EQ(stat(key, &st) == 0 ? st.st_mode & 07777 : 0, 0600u);
 
     const std::string secret(255, 'p');
-    char a[512], b[512], plain[512];
     ASSERT_NE(QLIBCCryptSzEncrypt(secret.c_str(), a, sizeof a), 0);
     ASSERT_NE(QLIBCCryptSzEncrypt(secret.c_str(), b, sizeof b), 0);
     EXPECT_EQ(strlen(a), 394u);
     EXPECT_STRNE(a, b);  // fresh nonce each time
     ASSERT_NE(QLIBCCryptSzDecrypt(a, plain, sizeof plain), 0);
     EXPECT_EQ(std::string(plain), secret);
-
     // Changed or cut stored text, and a secret that does not fit, are refused.
     std::string tampered = a;
     tampered[200] = tampered[200] == 'A' ? 'B' : 'A';
     for (const auto &[stored, size] : {std::pair{tampered, 512}, {std::string(a, 60), 512}, {std::string(a), 255}})
         EXPECT_EQ(QLIBCCryptSzDecrypt(stored.c_str(), plain, size), 0) << stored.size() << " " << size;
     EXPECT_EQ(QLIBCCryptSzEncrypt(secret.c_str(), b, 394), 0);
-    EXPECT_EQ(QLIBCCryptSzEncrypt("", b, sizeof b), 0);
-
     // Another appliance's key cannot read this one's secrets.
     qpt::remove_file(key);
     EXPECT_EQ(QLIBCCryptSzDecrypt(a, plain, sizeof plain), 0);
 }
 
-void add_device(const std::string &busid, const std::string &vendor, const std::string &product,
-                const std::string &serial, const std::string &iface_class, const std::string &maker = "ACME") {
-    const std::string dir = "/sys/bus/usb/devices/" + busid + "/";
-    for (const auto &[file, value] : {std::pair<std::string, std::string>{"idVendor", vendor}, {"idProduct", product},
-                                      {"serial", serial}, {"manufacturer", maker}, {"product", "Model X"},
-                                      {"busnum", "3"}, {"devnum", "17"}, {busid + ":1.0/bInterfaceClass", iface_class}})
-        if (!value.empty()) qpt::write_file(dir + file, value + "\n");
-}
-
-// A device's record in one line; a failure sets the error slot.
-std::string describe(const char *dev) {
-    QORAUSB_DEV_INFO i;
-    memset(&i, 0xA5, sizeof i);
-    QLIBCErrSetEx(0, "", 0);
-    if (QORAUSBDevGetInfo(dev, &i) != 0) return QLIBCErrGet() ? "<failed>" : "<failed, slot empty>";
-    char s[600];
-    snprintf(s, sizeof s, "%s type=%x %04lx:%04lx serial=%s id=%s bus=%s %u/%u maker=%zu", i.szDevName, i.ucType,
-             i.ulVendorId, i.ulProductId, i.szSerial, i.szPrinterId, i.szBusId, i.ucBusNum, i.ucDevNum,
-             strnlen(i.szManufacturer, sizeof i.szManufacturer));
-    return s;
-}
-
 TEST(Usb, EnumAndInfoFromUsbtabAndSysfs) {
     if (!qpt::in_sandbox()) GTEST_SKIP() << "mounts over the USB sysfs";
     // Fake devices on a tmpfs of this test's own mount namespace.
-    const char *devices = "/sys/bus/usb/devices";
-    ASSERT_EQ(mount("tmpfs", qpt::exists(devices) ? devices : "/sys/bus", "tmpfs", 0, "mode=0755"), 0);
-    qpt::mkdirs(devices);
-    add_device("1-1.2", "04a9", "1827", "A1B2C3", "07", std::string(200, 'M'));
-    add_device("2-1", "0781", "5567", "S1", "08");
-    add_device("4-1", "04b8", "0001", "", "07");
+    const std::string devices = "/sys/bus/usb/devices/";
+    ASSERT_EQ(mount("tmpfs", qpt::exists(devices) ? devices.c_str() : "/sys/bus", "tmpfs", 0, "mode=0755"), 0);
+    const char *sysfs[][5] = {{"1-1.2", "04a9", "1827", "A1B2C3", "07"}, {"2-1", "0781", "5567", "S1", "08"},
+                              {"4-1", "04b8", "0001", nullptr, "07"}};
+    for (auto [bus, vendor, product, serial, iface] : sysfs)
+        for (auto [file, value] : {std::pair<std::string, std::string>{"idVendor", vendor}, {"idProduct", product},
+                                   {"serial", serial ? serial : ""}, {"product", "Model X"}, {"busnum", "3"},
+                                   {"devnum", "17"}, {"manufacturer", std::string(*bus == '1' ? 200 : 4, 'M')},
+                                   {bus + std::string(":1.0/bInterfaceClass"), iface}})
+            if (!value.empty()) qpt::write_file(devices + bus + "/" + file, value + "\n");
     qpt::write_file("/tmp/usbtab", "lp4=\"4-1\"\r\nother=\"1-1.2\"\nlp2=\"9-9\"\nlp3=\"..\"\nlp1=\"2-1\"\nlp0=\"1-1.2\"");
 
     int need = -1;
@@ -232,17 +175,24 @@ TEST(Usb, EnumAndInfoFromUsbtabAndSysfs) {
     EXPECT_EQ(QORAUSBDevEnum(QORAUSB_TYPE_STORAGE, nullptr, 0, &need), 1);
 
     // The record is cleared first: a missing serial leaves "" and no printer ID;
-    // a long manufacturer is cut to fit.
+    // a long manufacturer is cut to fit. Bus IDs without a directory, "..", or
+    // devices not in usbtab fail with the error slot set.
     const std::pair<const char *, const char *> rows[] = {
         {"lp0", "lp0 type=8 04a9:1827 serial=A1B2C3 id=04a9:1827:A1B2C3 bus=1-1.2 3/17 maker=127"},
         {"lp4", "lp4 type=8 04b8:0001 serial= id= bus=4-1 3/17 maker=4"},
         {"lp1", "lp1 type=1 0781:5567 serial=S1 id=0781:5567:S1 bus=2-1 3/17 maker=4"},
-        {"lp2", "<failed>"},  // bus ID without a sysfs directory
-        {"lp3", "<failed>"},  // bus ID ".."
-        {"lp9", "<failed>"},  // not in usbtab
-    };
-    for (const auto &[dev, want] : rows) EXPECT_EQ(describe(dev), want);
-    EXPECT_LT(QORAUSBDevGetInfo("lp0", nullptr), 0);
+        {"lp2", "failed 1"}, {"lp3", "failed 1"}, {"lp9", "failed 1"}};
+    for (const auto &[dev, want] : rows) {
+        QORAUSB_DEV_INFO i;
+        memset(&i, 0xA5, sizeof i);
+        QLIBCErrSetEx(0, "", 0);
+        char s[600];
+        if (QORAUSBDevGetInfo(dev, &i) != 0) snprintf(s, sizeof s, "failed %d", QLIBCErrGet() != 0);
+        else snprintf(s, sizeof s, "%s type=%x %04lx:%04lx serial=%s id=%s bus=%s %u/%u maker=%zu", i.szDevName,
+                      i.ucType, i.ulVendorId, i.ulProductId, i.szSerial, i.szPrinterId, i.szBusId, i.ucBusNum,
+                      i.ucDevNum, strnlen(i.szManufacturer, sizeof i.szManufacturer));
+        EXPECT_EQ(std::string(s), want);
+    }
 }
 
 }  // namespace
