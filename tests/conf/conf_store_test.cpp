@@ -38,7 +38,7 @@ TEST_F(ConfStore, LockWaitGiveUpAndUnlock) {
     close(fd);
     EXPECT_EQ(QORAPrinterPrinterConfUnlock(fd = QORAPrinterPrinterConfLock()), 1);
     const std::string before = "[kept]\n\tproducer = old\n";
-    qpt::write_file(kConf, before);
+    qpt::write_file(kConf, before);  // a write that gives up must not touch it
     fd = QORAPrinterPrinterConfLock();
     const pid_t forever = fork();
     if (forever == 0) _exit(pause());  // holds the lock until killed
@@ -78,9 +78,7 @@ TEST_F(ConfStore, NewSectionIsAppendedWithNonEmptyFields) {
     ASSERT_EQ(QORAPrinterConfSetup(&c, 0), 0);
     const std::string after = qpt::read_file(kConf);
     ASSERT_EQ(after.compare(0, before.size(), before), 0) << after;
-    std::string added = after.substr(before.size());
-    added.erase(0, added.find_first_not_of('\n'));
-    EXPECT_EQ(added, "[" + std::string(127, 'j') +
+    EXPECT_EQ(after.substr(after.find_first_not_of('\n', before.size())), "[" + std::string(127, 'j') +
                          "]\n\tproducer = ACME\n\tmode = usbip\n\tautolock timer = 999\n\tfit to page = 1\n");
 }
 
@@ -100,7 +98,6 @@ TEST_F(ConfStore, RewriteKeepsOtherBytesAndCupsNameGet) {
     for (int force : {0, 1}) {
         ASSERT_EQ(QORAPrinterConfSetup(&c, force), 0);
         const std::string after = qpt::read_file(kConf);
-        ASSERT_GE(after.size(), head.size() + tail.size());
         EXPECT_EQ(after.compare(0, head.size(), head), 0) << "bytes before the section changed";
         EXPECT_EQ(after.compare(after.size() - tail.size(), tail.size(), tail), 0) << "bytes after it changed";
     }

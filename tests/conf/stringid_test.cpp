@@ -80,15 +80,15 @@ TEST(StringIdLookup, BadArgumentsLogTheFirstFailedCheck) {
         EXPECT_EQ(QORAPrinterConfStringIdParse(c.id, c.type, c.out, c.size), -1) << c.check;
         EXPECT_EQ(QLIBCErrGet(), ERR_BAD_PARAMETER);
         const std::string at = "printer_conf_string_id_parse.cpp:" + std::to_string(QLIBCErrorGetLine());
-        EXPECT_EQ(log.count(3, at + " Invaild Argument (" + c.check + ")=[0]"), 1u);
-        EXPECT_EQ(log.lines().size(), 1u) << log.dump();
+        EXPECT_TRUE(log.lines().size() == 1 && log.count(3, at + " Invaild Argument (" + c.check + ")=[0]") == 1)
+            << log.dump();
         EXPECT_STREQ(buf, "keep");
     }
     // A shortcut checks nothing itself: the parse fails once per model alias.
     qpt::LogCapture log;
     EXPECT_EQ(kModel(empty, buf, sizeof buf), -1);
-    EXPECT_EQ(log.count(3, "Invaild Argument (0 != szStringId[0])=[0]"), 4u) << log.dump();
-    EXPECT_EQ(log.lines().size(), 4u);
+    EXPECT_TRUE(log.lines().size() == 4 && log.count(3, "Invaild Argument (0 != szStringId[0])=[0]") == 4)
+        << log.dump();
 }
 
 // Keys are matched whole and with case; a value longer than the walk's
@@ -109,9 +109,8 @@ TEST(ModelWalk, Pairs) {
     }
 }
 
-// Model detection reads the stored device ID; what it cannot find keeps the
-// record's old value, the rest of the record untouched.  No string at all is
-// a quiet failure.
+// Model detection reads the stored device ID; what it cannot find keeps its old
+// value, the rest of the record untouched; no string at all fails quietly.
 class ModelDetect : public conft::ConfTest {};
 
 TEST_F(ModelDetect, FromTheStoredString) {
@@ -137,8 +136,7 @@ TEST_F(ModelDetect, FromTheStoredString) {
         const bool found = c.id.size() > 1;
         EXPECT_EQ(QORAPrinterModelDetect(&pc), found ? 0 : -1) << c.id;
         EXPECT_TRUE(found || QLIBCErrGet() == ERR_EXTERNAL_FAILED) << c.id;
-        EXPECT_EQ(pc.szDetectedVendor, c.maker);
-        EXPECT_EQ(pc.szDetectedModel, c.model);
+        EXPECT_TRUE(pc.szDetectedVendor == c.maker && pc.szDetectedModel == c.model) << pc.szDetectedVendor;
         EXPECT_STREQ(pc.szDriver, "drv");
         EXPECT_EQ(log.count("printer_model_detect.cpp"), 0u) << log.dump();
     }
