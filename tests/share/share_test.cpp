@@ -1,7 +1,6 @@
-// The Samba "printers" share section: written once, never changed, and
-// judged complete only with eight entries or more.
+// The Samba "printers" share section: written once, never changed, complete only with eight entries or more.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+#include <unistd.h>
 #include <syslog.h>
 
 #include <string>
@@ -14,15 +13,8 @@ namespace {
 
 const char *kSmb = "/etc/samba/smb.reserved.conf";
 
-const char *kWritten =
-    "[printers]\n"
-    "\tcomment = All Printers\n"
-    "\tpath = /var/services/printer\n"
-    "\tbrowseable = no\n"
-    "\tpublic = yes\n"
-    "\tguest ok = yes\n"
-    "\twritable = yes\n"
-    "\tprintable = yes\n";
+const char *kWritten = "[printers]\n\tcomment = All Printers\n\tpath = /var/services/printer\n\tbrowseable = no\n"
+                       "\tpublic = yes\n\tguest ok = yes\n\twritable = yes\n\tprintable = yes\n";
 
 class Share : public ::testing::Test {
 protected:
@@ -33,11 +25,10 @@ protected:
 };
 
 TEST_F(Share, WritesTheSectionOnceAndSambaAcceptsIt) {
-    const std::string other = "[homes]\n\tbrowseable = no\n";
-    qpt::write_file(kSmb, other);
+    qpt::write_file(kSmb, "[global]\n\tworkgroup = W");  // without its last newline: gains one first
     ASSERT_EQ(0, QORAPrinterSmbConfSetup());
     ASSERT_EQ(0, QORAPrinterSmbConfSetup());
-    EXPECT_EQ(other + kWritten, qpt::read_file(kSmb));
+    EXPECT_EQ(std::string("[global]\n\tworkgroup = W\n") + kWritten, qpt::read_file(kSmb));
     auto parsed = qpt::run({"/usr/bin/testparm", "-s", kSmb});
     EXPECT_EQ(0, parsed.status) << parsed.err;
     EXPECT_NE(std::string::npos, parsed.out.find("[printers]")) << parsed.out;
@@ -60,29 +51,16 @@ TEST_F(Share, UnreadableOrUnwritableFile) {
     EXPECT_EQ(1u, log.count(LOG_ERR, "QLIBCFileAddSection failed.(0x")) << log.dump();
     EXPECT_NE(0u, QLIBCErrGet());
     EXPECT_STRNE("printer_smb_conf_setup.cpp", QLIBCErrorGetFile()) << "the core library's code stays";
-    EXPECT_EQ(0, QORAPrinterIsActive());
-    EXPECT_EQ(0u, log.count("should contain"));
     rmdir(kSmb);
-
-    // A file without its last newline gains one before the section.
-    qpt::write_file(kSmb, "[global]\n\tworkgroup = W");
-    EXPECT_EQ(0, QORAPrinterSmbConfSetup());
-    EXPECT_EQ(std::string("[global]\n\tworkgroup = W\n") + kWritten, qpt::read_file(kSmb));
 }
 
 TEST_F(Share, ActiveTakesEightEntries) {
     qpt::LogCapture log;
     EXPECT_EQ(0, QORAPrinterIsActive());
     EXPECT_EQ(0u, log.count("should contain")) << "no file: no message";
-
-    qpt::write_file(kSmb, "[printers]\n\tpath = /x\n");
-    EXPECT_EQ(0, QORAPrinterIsActive());
-    EXPECT_EQ(1u, log.count(LOG_ERR, "Section [Printers] should contain at least 8 entries.[1]")) << log.dump();
-
     qpt::write_file(kSmb, kWritten);
     EXPECT_EQ(0, QORAPrinterIsActive());
     EXPECT_EQ(1u, log.count(LOG_ERR, "Section [Printers] should contain at least 8 entries.[7]")) << log.dump();
-
     qpt::write_file(kSmb, std::string(kWritten) + "\tprinting = cups\n");
     log.reset();
     EXPECT_EQ(1, QORAPrinterIsActive());
