@@ -240,12 +240,14 @@ TEST(Rewrite, ReadersAndKilledWritersSeeOldOrNewFile) {
     using Clock = std::chrono::steady_clock;
     for (int round = 0; round < 20; ++round) {
         const pid_t pid = fork();
-        for (int gen = 1; pid == 0; ++gen) {
-            PQLIBSZHASH h = QLIBCSzHashAlloc(kKeys);
-            for (int k = 0; k < kKeys; ++k)
-                QLIBCSzHashSetValue(&h, ("key" + std::to_string(k)).c_str(), std::to_string(gen).c_str());
-            QLIBCFileSetSection(f.c_str(), "target", "target", h, nullptr);
-            QLIBCSzHashFree(h);
+        if (pid == 0) {
+            for (int gen = 1;; ++gen) {  // the writer runs until it is killed
+                PQLIBSZHASH h = QLIBCSzHashAlloc(kKeys);
+                for (int k = 0; k < kKeys; ++k)
+                    QLIBCSzHashSetValue(&h, ("key" + std::to_string(k)).c_str(), std::to_string(gen).c_str());
+                QLIBCFileSetSection(f.c_str(), "target", "target", h, nullptr);
+                QLIBCSzHashFree(h);
+            }
         }
         // Read without a lock while the writer works, then kill it at a moment
         // spread over a write's length; the first round waits for a new version.
