@@ -71,8 +71,6 @@ template <class R, class F>
 R guard(R failval, const char *file, int line, F &&body) noexcept {
     try {
         return body();
-    } catch (const std::bad_alloc &) {
-        ::QLIBCErrSetEx(ERR_OUT_OF_MEMORY, file, line);
     } catch (...) {
         ::QLIBCErrSetEx(ERR_OUT_OF_MEMORY, file, line);
     }

@@ -9,127 +9,82 @@
 #include <utility>
 
 #include "qoracore.h"
+#include "qoraprinter.h"
 
 namespace qp {
 
-// A file descriptor.
-class UniqueFd {
+// Owns one handle and gives it back with Free on every path.  Null is the
+// "nothing held" value; Free is never called with it.
+template <class H, auto Free, H Null = H{}>
+class Owner {
 public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) noexcept : fd_(fd) {}
-    UniqueFd(UniqueFd &&o) noexcept : fd_(o.release()) {}
-    UniqueFd &operator=(UniqueFd &&o) noexcept {
+    Owner() = default;
+    explicit Owner(H h) noexcept : h_(h) {}
+    Owner(Owner &&o) noexcept : h_(o.release()) {}
+    Owner &operator=(Owner &&o) noexcept {
         if (this != &o) reset(o.release());
         return *this;
     }
-    UniqueFd(const UniqueFd &) = delete;
-    UniqueFd &operator=(const UniqueFd &) = delete;
-    ~UniqueFd() { reset(); }
+    Owner(const Owner &) = delete;
+    Owner &operator=(const Owner &) = delete;
+    ~Owner() { reset(); }
 
-    int get() const noexcept { return fd_; }
-    bool valid() const noexcept { return fd_ >= 0; }
-    [[nodiscard]] int release() noexcept { return std::exchange(fd_, -1); }
-    void reset(int fd = -1) noexcept {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = fd;
+    H get() const noexcept { return h_; }
+    H *addr() noexcept { return &h_; }
+    bool valid() const noexcept { return h_ != Null; }
+    explicit operator bool() const noexcept { return valid(); }
+    [[nodiscard]] H release() noexcept { return std::exchange(h_, Null); }
+    void reset(H h = Null) noexcept {
+        if (h_ != Null) Free(h_);
+        h_ = h;
     }
+    // Gives the handle back now and answers what Free said (0 when none
+    // was held), for the callers that judge the release itself.
+    int close() noexcept { return h_ != Null ? Free(std::exchange(h_, Null)) : 0; }
 
 private:
-    int fd_ = -1;
+    H h_ = Null;
 };
+
+inline int close_fd(int fd) noexcept { return ::close(fd); }
+inline void free_block(void *p) noexcept { ::free(p); }
+inline void free_list(PQLIBSZLIST l) noexcept { ::QLIBCSzListFree(l); }
+inline void free_hash(PQLIBSZHASH h) noexcept { ::QLIBCSzHashFree(h); }
+inline int unlock_conf(int fd) noexcept { return ::QORAPrinterPrinterConfUnlock(fd); }
+inline int unlock_named(unsigned int lock) noexcept { return ::QLIBCFileUnlock(lock); }
+
+// A file descriptor.
+using UniqueFd = Owner<int, close_fd, -1>;
+// A stdio stream from fopen.
+using File = Owner<FILE *, ::fclose>;
+// The output stream of a program started with QLIBCPopen.  The program is
+// waited for by close() (QLIBCPclose's result: negative when it failed to run
+// or died), or by the destructor on the paths that never ask.
+using Pipe = Owner<FILE *, ::QLIBCPclose>;
+// A heap block from malloc.
+template <class T>
+using MallocPtr = Owner<T *, free_block>;
+// The printer configuration lock (QORAPrinterPrinterConfLock's descriptor).
+using ConfLock = Owner<int, unlock_conf, -1>;
+// A named lock of the core library taken with QLIBCFileLock (the lock's
+// name is the handle).
+using UsbIdMapLock = Owner<unsigned int, unlock_named, 0u>;
 
 // A string hash of the core library.  addr() hands out the handle by
 // reference for the operations that may grow it.
-class Hash {
+class Hash : public Owner<PQLIBSZHASH, free_hash> {
 public:
-    explicit Hash(int capacity) noexcept : h_(::QLIBCSzHashAlloc(capacity)) {}
-    Hash(const Hash &) = delete;
-    Hash &operator=(const Hash &) = delete;
-    ~Hash() {
-        if (h_) ::QLIBCSzHashFree(h_);
-    }
-    explicit operator bool() const noexcept { return h_ != nullptr; }
-    PQLIBSZHASH get() const noexcept { return h_; }
-    PQLIBSZHASH *addr() noexcept { return &h_; }
-    const char *value(const char *key) const noexcept { return h_ ? ::QLIBCSzHashGetValue(h_, key) : nullptr; }
-
-private:
-    PQLIBSZHASH h_;
+    explicit Hash(int capacity) noexcept : Owner(::QLIBCSzHashAlloc(capacity)) {}
+    const char *value(const char *key) const noexcept { return get() ? ::QLIBCSzHashGetValue(get(), key) : nullptr; }
 };
 
 // A string list of the core library.
-class List {
+class List : public Owner<PQLIBSZLIST, free_list> {
 public:
     List() = default;
-    explicit List(int capacity) noexcept : l_(::QLIBCSzListAlloc(capacity)) {}
-    List(List &&o) noexcept : l_(o.release()) {}
-    List(const List &) = delete;
-    List &operator=(const List &) = delete;
-    ~List() { ::QLIBCSzListFree(l_); }
-    explicit operator bool() const noexcept { return l_ != nullptr; }
-    PQLIBSZLIST get() const noexcept { return l_; }
-    PQLIBSZLIST *addr() noexcept { return &l_; }
-    int size() const noexcept { return l_ ? l_->nItem : 0; }
-    const char *at(int i) const noexcept { return l_->pszItem[i]; }
-    [[nodiscard]] PQLIBSZLIST release() noexcept { return std::exchange(l_, nullptr); }
-
-private:
-    PQLIBSZLIST l_ = nullptr;
-};
-
-// A heap block from malloc.
-template <class T>
-class MallocPtr {
-public:
-    MallocPtr() = default;
-    explicit MallocPtr(T *p) noexcept : p_(p) {}
-    MallocPtr(const MallocPtr &) = delete;
-    MallocPtr &operator=(const MallocPtr &) = delete;
-    ~MallocPtr() { ::free(p_); }
-    T *get() const noexcept { return p_; }
-    T **addr() noexcept { return &p_; }
-    [[nodiscard]] T *release() noexcept { return std::exchange(p_, nullptr); }
-    explicit operator bool() const noexcept { return p_ != nullptr; }
-
-private:
-    T *p_ = nullptr;
-};
-
-// A stdio stream from fopen.
-class File {
-public:
-    explicit File(FILE *f) noexcept : f_(f) {}
-    File(const File &) = delete;
-    File &operator=(const File &) = delete;
-    ~File() {
-        if (f_) ::fclose(f_);
-    }
-    explicit operator bool() const noexcept { return f_ != nullptr; }
-    FILE *get() const noexcept { return f_; }
-    // Closes now and answers fclose's result.
-    int close() noexcept { return f_ ? ::fclose(std::exchange(f_, nullptr)) : 0; }
-
-private:
-    FILE *f_;
-};
-
-// The output stream of a program started with QLIBCPopen.  The program is
-// waited for by close(), or by the destructor on the paths that never ask.
-class Pipe {
-public:
-    explicit Pipe(FILE *f) noexcept : f_(f) {}
-    Pipe(const Pipe &) = delete;
-    Pipe &operator=(const Pipe &) = delete;
-    ~Pipe() {
-        if (f_) ::QLIBCPclose(f_);
-    }
-    explicit operator bool() const noexcept { return f_ != nullptr; }
-    FILE *get() const noexcept { return f_; }
-    // QLIBCPclose's result: negative when the program failed to run or died.
-    int close() noexcept { return f_ ? ::QLIBCPclose(std::exchange(f_, nullptr)) : 0; }
-
-private:
-    FILE *f_;
+    explicit List(int capacity) noexcept : Owner(::QLIBCSzListAlloc(capacity)) {}
+    int size() const noexcept { return get() ? get()->nItem : 0; }
+    const char *at(int i) const noexcept { return get()->pszItem[i]; }
 };
 
 }  // namespace qp

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "conf/conf_text.hpp"
+#include "conf_store.hpp"
 #include "frame.hpp"
 #include "owners.hpp"
 #include "paths.hpp"
@@ -68,26 +69,11 @@ QP_EXPORT int QORAPrinterConfSetup(const PrinterConf *pConf, int bForce) {
 
         if (put_fields(hash, *pConf, bForce != 0) < 0) return -1;
 
-        int fd = ::QORAPrinterPrinterConfLock();
-        if (fd < 0) {
+        const qp::ConfLock lock(::QORAPrinterPrinterConfLock());
+        if (!lock) {
             QP_SET_ERR(ERR_LOCK_FAILED);
             return -1;
         }
-
-        int result = 0;
-        int rc = ::QLIBCFileAddSection(qp::path::kPrinterConf, section.c_str(), hash.get(),
-                                       qp::path::kSectionEntryFmt);
-        if (rc < 0) {
-            QP_LOG_ERR("QLIBCFileAddSection failed." QP_CODE_FMT, ::QLIBCErrGet());
-            result = rc;
-        } else if (rc == 0) {
-            if (::QLIBCFileSetSection(qp::path::kPrinterConf, section.c_str(), section.c_str(), hash.get(),
-                                      qp::path::kSectionEntryFmt) < 1) {
-                QP_LOG_ERR("QLIBCFileSetSection failed." QP_CODE_FMT, ::QLIBCErrGet());
-                result = -1;
-            }
-        }
-        ::QORAPrinterPrinterConfUnlock(fd);
-        return result;
+        return QP_STORE_SECTION(section.c_str(), hash.get());
     });
 }

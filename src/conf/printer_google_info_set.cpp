@@ -10,6 +10,7 @@
 #include <string>
 
 #include "conf/conf_text.hpp"
+#include "conf_store.hpp"
 #include "frame.hpp"
 #include "owners.hpp"
 #include "paths.hpp"
@@ -67,24 +68,11 @@ QP_EXPORT int QORAPrinterGoogleInfoSet(const PrinterGoogleInfo *pInfo) {
             ::QLIBCSzHashRemoveKey(hash.get(), "google pass");
         }
 
-        int fd = ::QORAPrinterPrinterConfLock();
-        if (fd < 0) {
+        const qp::ConfLock lock(::QORAPrinterPrinterConfLock());
+        if (!lock) {
             QP_SET_ERR(ERR_LOCK_FAILED);
             return -1;
         }
-        int result = 0;
-        int rc = ::QLIBCFileAddSection(qp::path::kPrinterConf, kSection, hash.get(), qp::path::kSectionEntryFmt);
-        if (rc < 0) {
-            QP_LOG_ERR("QLIBCFileAddSection failed." QP_CODE_FMT, ::QLIBCErrGet());
-            result = rc;
-        } else if (rc == 0) {
-            if (::QLIBCFileSetSection(qp::path::kPrinterConf, kSection, kSection, hash.get(),
-                                      qp::path::kSectionEntryFmt) < 1) {
-                QP_LOG_ERR("QLIBCFileSetSection failed." QP_CODE_FMT, ::QLIBCErrGet());
-                result = -1;
-            }
-        }
-        ::QORAPrinterPrinterConfUnlock(fd);
-        return result;
+        return QP_STORE_SECTION(kSection, hash.get());
     });
 }

@@ -54,14 +54,10 @@ void scan_usb_names(bool &seen1, bool &seen2) {
 }
 
 void store_name(const char *szName, const char *szPrinterId) {
-    int fd = QORAPrinterPrinterConfLock();
-    if (fd < 0) {
+    const qp::ConfLock lock(QORAPrinterPrinterConfLock());
+    if (!lock ||
+        QLIBCFileSetSectionValue(qp::path::kPrinterConf, szPrinterId, "cups printer name", szName) < 0)
         QP_LOG_ERR("save printer name=%s failed, printer=%s " QP_LOWER_FMT, szName, szPrinterId, QP_LOWER_ARGS);
-        return;
-    }
-    if (QLIBCFileSetSectionValue(qp::path::kPrinterConf, szPrinterId, "cups printer name", szName) < 0)
-        QP_LOG_ERR("save printer name=%s failed, printer=%s " QP_LOWER_FMT, szName, szPrinterId, QP_LOWER_ARGS);
-    QORAPrinterPrinterConfUnlock(fd);
 }
 
 }  // namespace

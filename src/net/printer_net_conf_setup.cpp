@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "conf_store.hpp"
 #include "frame.hpp"
 #include "owners.hpp"
 #include "paths.hpp"
@@ -73,8 +74,8 @@ QP_EXPORT int QORAPrinterNetConfSetup(const PrinterNetConf *pNPConf, int bForce)
 
         // The section is read under the lock as well as written, so that two
         // writers of one printer cannot each drop the other's keys.
-        const int fdLock = QORAPrinterPrinterConfLock();
-        if (fdLock < 0) {
+        const qp::ConfLock lock(QORAPrinterPrinterConfLock());
+        if (!lock) {
             QP_SET_ERR(ERR_LOCK_FAILED);
             return -1;
         }
@@ -85,25 +86,10 @@ QP_EXPORT int QORAPrinterNetConfSetup(const PrinterNetConf *pNPConf, int bForce)
             if (QLIBCSzHashSetValue(hash.addr(), e.key, e.value.c_str()) < 0) {
                 // A write without this key would silently keep a stale value.
                 QP_SET_ERR(ERR_OUT_OF_MEMORY);
-                QORAPrinterPrinterConfUnlock(fdLock);
                 return -1;
             }
         }
 
-        int result = 0;
-        const int added =
-            QLIBCFileAddSection(qp::path::kPrinterConf, section.c_str(), hash.get(), qp::path::kSectionEntryFmt);
-        if (added < 0) {
-            QP_LOG_ERR("QLIBCFileAddSection failed." QP_CODE_FMT, QLIBCErrGet());
-            result = -1;
-        } else if (added == 0) {
-            if (QLIBCFileSetSection(qp::path::kPrinterConf, section.c_str(), section.c_str(), hash.get(),
-                                    qp::path::kSectionEntryFmt) < 1) {
-                QP_LOG_ERR("QLIBCFileSetSection failed." QP_CODE_FMT, QLIBCErrGet());
-                result = -1;
-            }
-        }
-        QORAPrinterPrinterConfUnlock(fdLock);
-        return result;
+        return QP_STORE_SECTION(section.c_str(), hash.get()) < 0 ? -1 : 0;
     });
 }

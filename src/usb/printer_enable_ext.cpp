@@ -191,14 +191,13 @@ QP_EXPORT int QORAPrinterEnableExt(int iAction, const char *szDevName, const cha
         QP_SET_ERR(ERR_LOCK_FAILED);
         return -1;
     }
-    bool held = true;
-    auto release = [&held]() {
-        if (QLIBCFileUnlock(LOCK_USBIDMAP) != 0) {
+    qp::UsbIdMapLock lock(LOCK_USBIDMAP);
+    // Released as soon as the tables are written, before the driver is told.
+    auto release = [&lock]() {
+        if (lock.close() != 0) {
             QP_SET_ERR(ERR_UNLOCK_FAILED);
             QP_LOG_ERR("unlock LOCK_USBIDMAP failed");
-            return;
         }
-        held = false;
     };
 
     int result = -1;
@@ -243,6 +242,6 @@ QP_EXPORT int QORAPrinterEnableExt(int iAction, const char *szDevName, const cha
         result = 0;
     }
 
-    if (held) release();
+    if (lock) release();
     return result;
 }
