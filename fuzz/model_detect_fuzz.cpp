@@ -31,7 +31,9 @@ qp::DetectedModel reference(const char *s, std::string &maker, std::string &mode
                 f.has_model = true;
                 if (f.has_maker) break;
             }
-            p += n;
+            p += n;  // the count is the step, also after a cut value
+            if (*p == ';') ++p;
+            continue;
         }
         const char *semi = std::strchr(p, ';');
         if (!semi) break;

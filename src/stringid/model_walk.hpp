@@ -10,7 +10,8 @@ namespace qp {
 // One pair as the walk reads it: a key of 1 to 1024 characters up to a colon
 // (a semicolon does not end it), the colon, and a value of 1 to 1024
 // characters up to a semicolon (a colon does not end it).  length counts the
-// key, the colon and the value.  Nothing is skipped, blanks included.
+// key, the colon and the value, and is the walk's step to the next pair (past
+// the semicolon when one follows).  Nothing is skipped, blanks included.
 struct DevIdPair {
     std::string_view key;
     std::string_view value;

@@ -55,12 +55,10 @@ DetectedModel walk_devid_pairs(std::string_view s) noexcept {
             found.has_model = true;
             if (found.has_maker) break;
         }
+        // The scan's count is the step, also after a value cut at 1024
+        // characters: the next scan starts on the value's tail.
         pos += pair.length;
-        // A value cut at 1024 characters goes on to its semicolon: its tail
-        // is part of the same pair, not the start of another.
-        const std::size_t semi = s.find(';', pos);
-        if (semi == std::string_view::npos) break;
-        pos = semi + 1;
+        if (pos < s.size() && s[pos] == ';') ++pos;
     }
     return found;
 }

@@ -92,7 +92,7 @@ TEST(StringIdLookup, BadArgumentsLogTheFirstFailedCheck) {
 }
 
 // Keys are matched whole and with case; a value longer than the walk's
-// 1024-character field is read in part, its tail not taken for a pair.
+// 1024-character field is read in part and the next scan starts on its tail.
 TEST(ModelWalk, Pairs) {
     const struct { std::string id, maker, model; } cases[] = {  // empty: not found
         {"MANUFACTURER:ACME Corp;MODEL:X1;MFG:Other;MDL:X2;", "ACME Corp", "X1"},
@@ -100,6 +100,7 @@ TEST(ModelWalk, Pairs) {
         {std::string(1025, 'K') + ":v;MDL:M;MFG:A;", "A", "M"},
         {"MFG:;MFG:B;", "B", ""},
         {"DES:" + std::string(1100, 'v') + "MDL:fake;MFG:real;MDL:M;", "real", "M"},
+        {"DES:" + std::string(1024, 'v') + "MDL:tail;MFG:real;MDL:M;", "real", "tail"},
         {"MFG:" + std::string(1500, 'x') + ";", std::string(1024, 'x'), ""},
     };
     for (const auto &c : cases) {
