@@ -3,42 +3,11 @@
 //
 // The answer comes from "lpstat -v" ("device for usbprinter1: usb:/dev/usb/ID"),
 // tested by substring only: the first line naming the queue decides.
-#include <errno.h>
-#include <stdio.h>
 #include <string.h>
-#include <unistd.h>
 
 #include "frame.hpp"
-#include "owners.hpp"
 #include "qorasdk.h"
-
-namespace {
-
-// -1: the listing was cut short by a signal; 0: no line names the queue;
-// 1: the first line naming it also names the printer; 2: it names another.
-int scan_listing(FILE *pPipe, const char *szPrinterId, const char *szCupsPrinterName) {
-    QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != pPipe) && QP_ARG(((void *)0) != szPrinterId) &&
-                          QP_ARG(NULL != szCupsPrinterName));
-    const int saved_errno = errno;
-    char line[1024];
-    int answer = 0;
-    for (;;) {
-        errno = 0;
-        if (!fgets(line, sizeof line, pPipe)) {
-            answer = (errno == EINTR) ? -1 : 0;
-            break;
-        }
-        QLIBCStrTrim(line, 0, 0);
-        if (strstr(line, szCupsPrinterName)) {
-            answer = strstr(line, szPrinterId) ? 1 : 2;
-            break;
-        }
-    }
-    errno = saved_errno;
-    return answer;
-}
-
-}  // namespace
+#include "queue_listing.hpp"
 
 QP_EXPORT int QORAPrinterCupsNameCheck(const char *szPrinterId, const char *szCupsPrinterName) {
     return QP_GUARD(-1, {
@@ -51,15 +20,18 @@ QP_EXPORT int QORAPrinterCupsNameCheck(const char *szPrinterId, const char *szCu
             return 0;
         }
 
-        for (int attempt = 0; attempt < 3; ++attempt) {
-            qp::Pipe pipe(QLIBCPopen("/usr/bin/lpstat", "r", "-v", (char *)NULL));
-            if (!pipe) continue;  // could not start: no pause
-            int answer = scan_listing(pipe.get(), szPrinterId, szCupsPrinterName);
-            int closed = pipe.close();
-            if (answer >= 0 && closed >= 0) return answer;
-            sleep(1);
+        // The first line naming the queue decides: 1 when it also names the
+        // printer, 2 when it names another device.
+        int answer = 0;
+        const qp::Listing listing = qp::list_queues([&](const char *line) {
+            if (!strstr(line, szCupsPrinterName)) return false;
+            answer = strstr(line, szPrinterId) ? 1 : 2;
+            return true;
+        });
+        if (listing == qp::Listing::kFailed) {
+            QP_SET_ERR(ERR_EXTERNAL_FAILED);
+            return -1;
         }
-        QP_SET_ERR(ERR_EXTERNAL_FAILED);
-        return -1;
+        return answer;
     });
 }

@@ -16,6 +16,7 @@
 #include "owners.hpp"
 #include "paths.hpp"
 #include "qorasdk.h"
+#include "queue_listing.hpp"
 
 namespace {
 
@@ -24,33 +25,13 @@ constexpr const char *kLpadmin = "/usr/bin/lpadmin";
 // Which of the two USB queue names "lpstat -v" lists.  What was seen stays
 // seen across attempts; an incomplete listing still decides.
 void scan_usb_names(bool &seen1, bool &seen2) {
-    for (int attempt = 0; attempt < 3; ++attempt) {
-        qp::Pipe pipe(QLIBCPopen("/usr/bin/lpstat", "r", "-v", (char *)NULL));
-        if (!pipe) continue;  // could not start: no pause
-
-        const int saved_errno = errno;
-        char line[1024];
-        for (;;) {
-            errno = 0;
-            if (!fgets(line, sizeof line, pipe.get())) break;
-            QLIBCStrTrim(line, 0, 0);
-            if (!seen1 && strstr(line, "usbprinter1")) {
-                seen1 = true;
-                continue;
-            }
-            if (!seen2 && strstr(line, "usbprinter2")) seen2 = true;
-        }
-        const bool interrupted = (errno == EINTR);
-        errno = saved_errno;
-
-        if (interrupted) {
-            pipe.close();
-            sleep(1);
-            continue;
-        }
-        if (pipe.close() >= 0) return;
-        sleep(1);
-    }
+    qp::list_queues([&](const char *line) {
+        if (!seen1 && strstr(line, "usbprinter1"))
+            seen1 = true;
+        else if (!seen2 && strstr(line, "usbprinter2"))
+            seen2 = true;
+        return false;
+    });
 }
 
 void store_name(const char *szName, const char *szPrinterId) {

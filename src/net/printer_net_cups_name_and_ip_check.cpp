@@ -2,15 +2,13 @@
 // does its device URI print to this address?  Read from "lpstat -v" lines
 //   device for NAME: URI
 // 1: the queue's URI holds "/ADDRESS/"; 2: it does not; 0: no such queue.
-#include <errno.h>
 #include <stdio.h>
 #include <string.h>
-#include <unistd.h>
 
 #include "frame.hpp"
 #include "net/net_scan.hpp"
-#include "owners.hpp"
 #include "qorasdk.h"
+#include "queue_listing.hpp"
 
 namespace qp::net {
 
@@ -25,34 +23,6 @@ bool lpstat_queue_word(std::string_view line, std::string_view *word) {
 }
 
 }  // namespace qp::net
-
-namespace {
-
-// One run of lpstat: 1 or 2 for the first line of the queue, 0 when no line
-// names it, -1 when a read was interrupted (the run is tried again).
-int scan_lpstat(FILE *pPipe, const char *szCupsPrinterName, const char *szIpPattern) {
-    QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != pPipe) && QP_ARG(((void *)0) != szCupsPrinterName) &&
-                          QP_ARG(NULL != szIpPattern));
-    const int savedErrno = errno;
-    char line[qp::net::kLineSize];
-    int result = 0;
-    for (;;) {
-        errno = 0;
-        if (!fgets(line, sizeof line, pPipe)) {
-            result = (errno == EINTR) ? -1 : 0;
-            break;
-        }
-        QLIBCStrTrim(line, 0, 0);
-        std::string_view word;
-        if (!qp::net::lpstat_queue_word(line, &word) || word != szCupsPrinterName) continue;
-        result = strstr(line, szIpPattern) ? 1 : 2;
-        break;
-    }
-    errno = savedErrno;
-    return result;
-}
-
-}  // namespace
 
 QP_EXPORT int QORAPrinterNetCupsNameAndIPCheck(const char *szIP, const char *szCupsPrinterName) {
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP) && QP_ARG(0 != szIP[0]) &&
@@ -72,14 +42,17 @@ QP_EXPORT int QORAPrinterNetCupsNameAndIPCheck(const char *szIP, const char *szC
     char szPattern[32];
     snprintf(szPattern, sizeof szPattern, "/%s/", szIP);
 
-    for (int attempt = 0; attempt < 3; ++attempt) {
-        qp::Pipe lpstat(QLIBCPopen("/usr/bin/lpstat", "r", "-v", static_cast<char *>(nullptr)));
-        if (!lpstat) continue;
-        const int found = scan_lpstat(lpstat.get(), szCupsPrinterName, szPattern);
-        const int closed = lpstat.close();
-        if (found >= 0 && closed >= 0) return found;
-        sleep(1);
+    // The queue's first line decides.
+    int found = 0;
+    const qp::Listing listing = qp::list_queues([&](const char *line) {
+        std::string_view word;
+        if (!qp::net::lpstat_queue_word(line, &word) || word != szCupsPrinterName) return false;
+        found = strstr(line, szPattern) ? 1 : 2;
+        return true;
+    });
+    if (listing == qp::Listing::kFailed) {
+        QP_SET_ERR(ERR_EXTERNAL_FAILED);
+        return -1;
     }
-    QP_SET_ERR(ERR_EXTERNAL_FAILED);
-    return -1;
+    return found;
 }

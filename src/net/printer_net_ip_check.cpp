@@ -2,42 +2,12 @@
 // A queue holds the address when its "lpstat -v" line, e.g.
 //   device for Office: ipp://10.0.0.2/ipp/print
 // contains "/ADDRESS/"; a URI with a port after the address does not.
-#include <errno.h>
 #include <stdio.h>
 #include <string.h>
-#include <unistd.h>
 
 #include "frame.hpp"
-#include "net/net_scan.hpp"
-#include "owners.hpp"
 #include "qorasdk.h"
-
-namespace {
-
-// One run of lpstat: 0 a line holds the pattern, 1 none does, -1 a read was
-// interrupted (the run is tried again).
-int scan_lpstat(FILE *pPipe, const char *szIpPattern) {
-    QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != pPipe) && QP_ARG(NULL != szIpPattern));
-    const int savedErrno = errno;
-    char line[qp::net::kLineSize];
-    int result = 1;
-    for (;;) {
-        errno = 0;
-        if (!fgets(line, sizeof line, pPipe)) {
-            result = (errno == EINTR) ? -1 : 1;
-            break;
-        }
-        QLIBCStrTrim(line, 0, 0);
-        if (strstr(line, szIpPattern)) {
-            result = 0;
-            break;
-        }
-    }
-    errno = savedErrno;
-    return result;
-}
-
-}  // namespace
+#include "queue_listing.hpp"
 
 QP_EXPORT int QORAPrinterNetIPCheck(const char *szIP) {
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP));
@@ -57,13 +27,10 @@ QP_EXPORT int QORAPrinterNetIPCheck(const char *szIP) {
     char szPattern[32];
     snprintf(szPattern, sizeof szPattern, "/%s/", szIP);
 
-    for (int attempt = 0; attempt < 3; ++attempt) {
-        qp::Pipe lpstat(QLIBCPopen("/usr/bin/lpstat", "r", "-v", static_cast<char *>(nullptr)));
-        if (!lpstat) continue;
-        const int found = scan_lpstat(lpstat.get(), szPattern);
-        const int closed = lpstat.close();
-        if (found >= 0 && closed >= 0) return found;
-        sleep(1);
+    switch (qp::list_queues([&](const char *line) { return strstr(line, szPattern) != nullptr; })) {
+    case qp::Listing::kStopped: return 0;
+    case qp::Listing::kComplete: return 1;
+    case qp::Listing::kFailed: break;
     }
     QP_SET_ERR(ERR_EXTERNAL_FAILED);
     return -1;
