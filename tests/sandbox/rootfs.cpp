@@ -22,7 +22,8 @@ namespace {
 
 // Scratch space for the overlay's upper and work directories and the new
 // root; the tmpfs mounted there lives only in this mount namespace.
-constexpr const char *kScratch = "/tmp";
+// /run, not /tmp: the program and its tree may live under the machine's /tmp.
+constexpr const char *kScratch = "/run";
 const std::string kRoot = std::string(kScratch) + "/root";
 
 bool fail(const char *what, const std::string &path) {
@@ -82,6 +83,8 @@ std::vector<std::string> mount_points() {
     return points;
 }
 
+bool bind_host_paths(const std::vector<std::string> &binds);
+
 // The overlay shows only the root file system.  A path kept for the program
 // that lives on another mount (a build tree on its own disk) gets that mount
 // bound into the new root.
@@ -90,6 +93,13 @@ bool bind_separate_mounts(const std::vector<std::string> &keep) {
     std::vector<std::string> points = mount_points();
     std::vector<std::string> done;
     for (const std::string &path : keep) {
+        // Under the machine's /tmp (replaced by a fresh one): carry over the
+        // whole top directory, a tree the program reads beside itself.
+        if (under(path, "/tmp") && path.size() > 5) {
+            const std::string top = path.substr(0, path.find('/', 5));
+            if (!bind_host_paths({top})) return false;
+            continue;
+        }
         std::string best = "/";
         for (const std::string &p : points)
             if (under(path, p) && p.size() > best.size()) best = p;
