@@ -1,7 +1,10 @@
 // The sandbox seen from inside, and nested runs of it that show what
 // survives a run (nothing) and what comes back out (the exit status).
 #include <stdlib.h>
+#include <string.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
@@ -20,6 +23,17 @@ namespace {
 qpt::RunResult sandboxed(std::vector<std::string> args) {
     args.insert(args.begin(), qpt::bin_path("qp-sandbox"));
     return qpt::run(args);
+}
+
+// Sends one raw datagram to the catcher, as a sender other than syslog(3) would.
+void send_to_log(std::string_view datagram) {
+    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_un addr {};
+    addr.sun_family = AF_UNIX;
+    strcpy(addr.sun_path, "/dev/log");
+    EXPECT_EQ(sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr *>(&addr), sizeof addr),
+              static_cast<ssize_t>(datagram.size()));
+    close(fd);
 }
 
 // True while a process runs with exactly this command line.
@@ -73,6 +87,31 @@ TEST(Sandbox, CatchesEveryMessageOfManyProcessesWithSeverityAndExactText) {
     EXPECT_EQ(next, std::vector<int>(kProcs, kEach));
 }
 
+TEST(Sandbox, CatcherStripsHeaderAndKeepsOneLinePerMessage) {
+    const std::pair<std::string_view, const char *> cases[] = {
+        {"<11>Jan  3 04:05:06 prog[42]: file.cpp:1 text\n", "3 file.cpp:1 text"},
+        {"<31>Dec 24 23:59:59 prog: a: b", "7 a: b"},  // daemon.debug
+        {"<190>Oct 10 10:10:10 x: y", "6 y"},          // local7.info
+        {"<28>Jan  3 04:05:06 my daemon[7]: up: 1", "4 up: 1"},
+        {"<3>Jan 13 04:05:06 no tag here: x", "3 no tag here: x"},  // a blank before ": ": no tag
+        {"<3>printer.cpp:5 msg", "3 printer.cpp:5 msg"},          // no timestamp: nothing else removed
+        {"<7>Jan  1 00:00:00 t: a\nb\n", "7 a\\nb"},
+        {"<7>Jan  1 00:00:00 t: a\n\n", "7 a\\n"},  // only the last newline goes
+        {std::string_view("<4>Jan  1 00:00:00 t: z\n\0", 26), "4 z"},
+        {"<6>Jan  1 00:00:00 t: ", "6 "},
+        {"plain", "5 plain"},  // no or broken priority: syslogd's default, text untouched
+        {"<12", "5 <12"},
+        {"<99999999>x", "5 <99999999>x"},
+    };
+    qpt::LogCapture log;
+    std::string expected;
+    for (auto [datagram, line] : cases) {
+        send_to_log(datagram);
+        expected += std::string(line) + "\n";
+    }
+    EXPECT_EQ(log.dump(), expected);
+}
+
 // The outer sandbox's own files show through; the inner one's writes and
 // processes do not outlive the run; the exit status comes back out.
 TEST(SandboxNested, WritesAndProcessesVanishAndStatusComesBack) {
@@ -98,10 +137,15 @@ TEST(SandboxNested, WritesAndProcessesVanishAndStatusComesBack) {
 
 TEST(SandboxNested, SignalsReachTheProgramAndAKilledLauncherTakesEverythingAlong) {
     // Starts the sandbox, waits for the marker process, signals the launcher, prints its status.
+    // A sandbox that cannot be set up fails here with its reason, not in a wait below.
+    qpt::RunResult setup = sandboxed({"--", "/bin/true"});
+    ASSERT_EQ(setup.status, 0) << setup.err;
+    // Gives up after 10 s without the marker: "gone" and the launcher's status.
     auto signalled = [](const std::string &program, const std::string &marker, const std::string &sig) {
         return qpt::run({"/bin/sh", "-c",
-                         qpt::bin_path("qp-sandbox") + " -- " + program + " & pid=$!; until /usr/bin/pgrep -xf '" +
-                             marker + "' >/dev/null; do sleep 0.01; done; kill -" + sig + " $pid; wait $pid; echo $?"});
+                         qpt::bin_path("qp-sandbox") + " -- " + program + " & pid=$!; i=0; until /usr/bin/pgrep -xf '" +
+                             marker + "' >/dev/null; do i=$((i+1)); [ $i -lt 1000 ] || { kill -KILL $pid; echo gone; break; };" +
+                             " sleep 0.01; done; kill -" + sig + " $pid; wait $pid; echo $?"});
     };
     // A polite stop (a test runner's) goes on to the program.
     EXPECT_EQ(signalled("/bin/sleep 653", "/bin/sleep 653", "TERM").out, "143\n");
