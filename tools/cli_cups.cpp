@@ -178,7 +178,7 @@ int job_wait(const qpcli::Args &args) {
         begin_call();
         rc = QORAPrinterCupsJobWaitComplete(a[0].c_str(), a[1].c_str());
         if (rc != 1 || now_ms() >= deadline) break;
-        const long long pause = std::min(500LL, deadline - now_ms());
+        const long long pause = std::min(1000LL, deadline - now_ms());
         if (pause > 0) {
             const timespec ts{static_cast<time_t>(pause / 1000), static_cast<long>(pause % 1000) * 1000000L};
             nanosleep(&ts, nullptr);
