@@ -11,41 +11,56 @@
 
 namespace {
 
-using qpcli::clear_slot;
+using qpcli::begin_call;
 using qpcli::cmd;
-using qpcli::done;
+using qpcli::json;
+using qpcli::kJson;
+using qpcli::say;
 using qpcli::set_field;
 
 constexpr const char *kPrinterConf = "/usr/qora/etc/printer.conf";
 
-// The library never clears the error slot; the CLI does, so that "not found"
-// (no code) can be told from a failure (a code).
-int parse_result(int rc, const char *buf, const char *what) {
-    if (rc == 0) {
+// A parse answers non-zero without an error code when the key is absent:
+// "no" (3), not a failure; begin_call() emptied the slot to tell them apart.
+int parse_result(int rc, const char *key, const char *buf, const char *what) {
+    const bool found = rc == 0;
+    if (!found && QLIBCErrGet() != 0) return qpcli::fail(what);
+    if (json()) {
+        qpcli::Json j;
+        j.open();
+        if (key) j.field("key", key);
+        found ? j.field("value", buf) : j.null("value");
+        j.close().print();
+    } else if (found) {
         std::printf("%s\n", buf);
-        return 0;
     }
-    if (QLIBCErrGet() == 0) {
-        std::fprintf(stderr, "%s: not found\n", what);
-        return 1;
-    }
-    return qpcli::fail(what);
+    if (!found) say(0, "%s: the string has no %s.", what, key ? key : "such field");
+    return found ? qpcli::kOk : qpcli::kNo;
 }
 
 int stringid_field(const qpcli::Args &a, int (*fn)(char *, char *, int), const char *what) {
-    if (a.size() != 1) return -1;
+    if (a.size() != 1) return qpcli::kBadArgs;
     std::string id = a[0];
     char buf[1024] = {};
-    clear_slot();
-    return parse_result(fn(id.data(), buf, sizeof buf), buf, what);
+    begin_call();
+    return parse_result(fn(id.data(), buf, sizeof buf), nullptr, buf, what);
 }
 
+int stringid_vendor(const qpcli::Args &a) {
+    return stringid_field(a, QORAPrinterConfStringIdGetVendor, "stringid vendor");
+}
+int stringid_model(const qpcli::Args &a) {
+    return stringid_field(a, QORAPrinterConfStringIdGetModel, "stringid model");
+}
+int stringid_cmd(const qpcli::Args &a) { return stringid_field(a, QORAPrinterConfStringIdGetCmd, "stringid cmd"); }
+
 int stringid_get(const qpcli::Args &a) {
-    if (a.size() != 2) return -1;
+    if (a.size() != 2) return qpcli::kBadArgs;
     std::string id = a[1];
     char buf[1024] = {};
-    clear_slot();
-    return parse_result(QORAPrinterConfStringIdParse(id.data(), a[0].c_str(), buf, sizeof buf), buf, "stringid get");
+    begin_call();
+    return parse_result(QORAPrinterConfStringIdParse(id.data(), a[0].c_str(), buf, sizeof buf), a[0].c_str(), buf,
+                        "stringid get");
 }
 
 bool set_conf_key(PrinterConf &c, std::string_view key, std::string_view v, bool &fits) {
@@ -66,23 +81,30 @@ bool set_conf_key(PrinterConf &c, std::string_view key, std::string_view v, bool
 }
 
 int conf_show(const qpcli::Args &a) {
-    if (a.size() != 1) return -1;
+    if (a.size() != 1) return qpcli::kBadArgs;
+    begin_call();
     PQLIBSZHASH hash = QLIBCSzHashAlloc(512);
     if (!hash) return qpcli::fail("conf show");
-    int n = QLIBCFileGetSection(kPrinterConf, a[0].c_str(), &hash);
+    const int n = QLIBCFileGetSection(kPrinterConf, a[0].c_str(), &hash);
     PQLIBSZLIST keys = QLIBCSzListAlloc(256);
-    int rc = 0;
-    if (n <= 0) {
-        std::fprintf(stderr, "conf show: no section [%s] in %s\n", a[0].c_str(), kPrinterConf);
-        rc = 1;
+    int rc = qpcli::kOk;
+    if (n < 0 && QLIBCFileExist(kPrinterConf)) {
+        rc = qpcli::fail("conf show");
+    } else if (n <= 0) {
+        rc = say(qpcli::kNo, "conf show: %s has no section [%s].", kPrinterConf, a[0].c_str());
+        if (json()) qpcli::Json().open().field("printer", a[0]).null("keys").close().print();
     } else if (!keys || QLIBCSzHashEnumKey(hash, &keys) < 0) {
         rc = qpcli::fail("conf show");
     } else {
-        std::printf("[%s]\n", a[0].c_str());
+        qpcli::Json j;
+        j.open().field("printer", a[0]).object("keys");
+        if (!json()) std::printf("[%s]\n", a[0].c_str());
         for (int i = 0; i < keys->nItem; ++i) {
             const char *v = QLIBCSzHashGetValue(hash, keys->pszItem[i]);
-            std::printf("\t%s = %s\n", keys->pszItem[i], v ? v : "");
+            if (json()) j.field(keys->pszItem[i], v ? v : "");
+            else std::printf("\t%s = %s\n", keys->pszItem[i], v ? v : "");
         }
+        if (json()) j.close().close().print();
     }
     QLIBCSzListFree(keys);
     QLIBCSzHashFree(hash);
@@ -92,115 +114,124 @@ int conf_show(const qpcli::Args &a) {
 int conf_set(const qpcli::Args &args) {
     qpcli::Args a = args;
     const bool force = qpcli::take_flag(a, "--force");
-    if (a.empty()) return -1;
+    if (a.empty()) return qpcli::kBadArgs;
     PrinterConf conf{};
-    if (!set_field(conf.szPrinterId, a[0])) {
-        std::fprintf(stderr, "conf set: printer ID longer than %zu characters\n", sizeof conf.szPrinterId - 1);
-        return 1;
-    }
+    if (!set_field(conf.szPrinterId, a[0]))
+        return say(qpcli::kUsage, "conf set: the printer ID is longer than %zu bytes.", sizeof conf.szPrinterId - 1);
     for (size_t i = 1; i < a.size(); ++i) {
         const size_t eq = a[i].find('=');
-        if (eq == std::string::npos) {
-            std::fprintf(stderr, "conf set: expected key=value, got '%s'\n", a[i].c_str());
-            return 1;
-        }
-        std::string_view key(a[i].data(), eq), value(a[i].data() + eq + 1, a[i].size() - eq - 1);
+        if (eq == std::string::npos) return say(qpcli::kUsage, "conf set: '%s' is not key=value.", a[i].c_str());
+        const std::string key = a[i].substr(0, eq);
         bool fits = true;
-        if (!set_conf_key(conf, key, value, fits)) {
-            std::fprintf(stderr, "conf set: unknown key '%.*s'\n", static_cast<int>(key.size()), key.data());
-            return 1;
-        }
-        if (!fits) {
-            std::fprintf(stderr, "conf set: value of '%.*s' too long\n", static_cast<int>(key.size()), key.data());
-            return 1;
-        }
+        if (!set_conf_key(conf, key, std::string_view(a[i]).substr(eq + 1), fits))
+            return say(qpcli::kUsage, "conf set: there is no key '%s'.", key.c_str());
+        if (!fits) return say(qpcli::kUsage, "conf set: the value of '%s' is too long.", key.c_str());
     }
-    if (QORAPrinterConfSetup(&conf, force ? 1 : 0) != 0) return qpcli::fail("conf set");
-    return 0;
+    begin_call();
+    return qpcli::done(QORAPrinterConfSetup(&conf, force ? 1 : 0), "conf set");
 }
 
 int conf_cups_name(const qpcli::Args &a) {
-    if (a.size() != 1) return -1;
+    if (a.size() != 1) return qpcli::kBadArgs;
     char buf[128] = {};
+    begin_call();
     if (QORAPrinterCupsNameGet(a[0].c_str(), buf, sizeof buf) != 0) return qpcli::fail("conf cups-name");
-    std::printf("%s\n", buf);
-    return 0;
+    if (json()) qpcli::Json().open().field("printer", a[0]).field("queue", buf).close().print();
+    else std::printf("%s\n", buf);
+    return qpcli::kOk;
 }
 
 int conf_detect(const qpcli::Args &a) {
-    if (a.size() != 1) return -1;
+    if (a.size() != 1) return qpcli::kBadArgs;
     PrinterConf conf{};
-    if (!set_field(conf.szPrinterId, a[0])) {
-        std::fprintf(stderr, "conf detect: printer ID longer than %zu characters\n", sizeof conf.szPrinterId - 1);
-        return 1;
-    }
+    if (!set_field(conf.szPrinterId, a[0]))
+        return say(qpcli::kUsage, "conf detect: the printer ID is longer than %zu bytes.", sizeof conf.szPrinterId - 1);
+    begin_call();
     if (QORAPrinterModelDetect(&conf) != 0) return qpcli::fail("conf detect");
-    std::printf("maker: %s\nmodel: %s\n", conf.szDetectedVendor, conf.szDetectedModel);
-    return 0;
+    if (json()) {
+        qpcli::Json().open().field("printer", a[0]).field("maker", conf.szDetectedVendor)
+            .field("model", conf.szDetectedModel).close().print();
+    } else {
+        std::printf("maker: %s\nmodel: %s\n", conf.szDetectedVendor, conf.szDetectedModel);
+    }
+    return qpcli::kOk;
 }
 
+// Secrets never come from the command line, which every user can read in /proc.
 int cloud_set(const qpcli::Args &args) {
     qpcli::Args a = args;
-    std::string password, token;
-    const bool has_pass = qpcli::take_option(a, "--password", password);
-    const bool has_token = qpcli::take_option(a, "--token", token);
-    if (a.size() != 1 || has_pass == has_token) return -1;
-    PrinterGoogleInfo info{};
-    if (!set_field(info.szAccount, a[0]) || !set_field(info.szPassword, password) ||
-        !set_field(info.szRefreshToken, token)) {
-        std::fprintf(stderr, "cloud set: account (254), password (127) or token (255 characters) too long\n");
-        return 1;
+    std::string ignored, from, secret;
+    for (const char *refused : {"--password", "--token"}) {
+        if (qpcli::take_option(a, refused, ignored) || qpcli::take_flag(a, refused)) {
+            explicit_bzero(ignored.data(), ignored.size());
+            return say(qpcli::kUsage,
+                       "cloud set: %s would show the secret to every user (/proc/PID/cmdline); give %s-file FILE, "
+                       "or - for standard input.", refused, refused);
+        }
     }
+    const bool pass = qpcli::take_option(a, "--password-file", from);
+    const bool token = qpcli::take_option(a, "--token-file", from);
+    if (a.size() != 1 || pass == token) return qpcli::kBadArgs;
+    PrinterGoogleInfo info{};
+    if (!set_field(info.szAccount, a[0]))
+        return say(qpcli::kUsage, "cloud set: the account is longer than %zu bytes.", sizeof info.szAccount - 1);
+    if (!qpcli::read_secret(from, secret, pass ? sizeof info.szPassword - 1 : sizeof info.szRefreshToken - 1))
+        return qpcli::kFailed;
+    if (pass) set_field(info.szPassword, secret);
+    else set_field(info.szRefreshToken, secret);
+    explicit_bzero(secret.data(), secret.size());
+    begin_call();
     const int rc = QORAPrinterGoogleInfoSet(&info);
     explicit_bzero(&info, sizeof info);
-    if (rc != 0) return qpcli::fail("cloud set");
-    return 0;
+    return qpcli::done(rc, "cloud set");
 }
 
 int cloud_show(const qpcli::Args &args) {
     qpcli::Args a = args;
     const bool reveal = qpcli::take_flag(a, "--reveal");
-    if (!a.empty()) return -1;
+    if (!a.empty()) return qpcli::kBadArgs;
     PrinterGoogleInfo info{};
-    clear_slot();
+    begin_call();
     if (QORAPrinterGoogleInfoGet(&info) != 0) {
         // No account: nothing in the slot, or only the core library's failed
         // open of a printer.conf that does not exist yet.
         const unsigned int code = QLIBCErrGet();
         const bool no_file = code == ERR_OPEN_FAILED && !QLIBCFileExist(kPrinterConf);
-        if ((code == 0 || no_file) && info.szAccount[0] == '\0') {
-            std::fprintf(stderr, "cloud show: no account stored\n");
-            return 1;
-        }
-        return qpcli::fail("cloud show");
+        if ((code != 0 && !no_file) || info.szAccount[0] != '\0') return qpcli::fail("cloud show");
+        if (json()) qpcli::Json().open().null("account").close().print();
+        return say(qpcli::kNo, "cloud show: no account is stored.");
     }
     const bool pass = info.szPassword[0] != '\0';
-    std::printf("account: %s\nsecret: %s\n", info.szAccount, pass ? "password" : "refresh token");
-    if (reveal) std::printf("%s: %s\n", pass ? "password" : "refresh token", pass ? info.szPassword : info.szRefreshToken);
+    const char *kind = pass ? "password" : "refresh token";
+    const char *value = pass ? info.szPassword : info.szRefreshToken;
+    if (json()) {
+        qpcli::Json j;
+        j.open().field("account", info.szAccount).field("secret", kind);
+        if (reveal) j.field("value", value);
+        j.close().print();
+        explicit_bzero(const_cast<char *>(j.text().data()), j.text().size());
+    } else {
+        std::printf("account: %s\nsecret: %s\n", info.szAccount, kind);
+        if (reveal) std::printf("%s: %s\n", kind, value);
+    }
     explicit_bzero(&info, sizeof info);
-    return 0;
+    return qpcli::kOk;
 }
-
-// Runs a handler; -1 from it means the arguments did not fit the synopsis.
-int stringid_vendor(const qpcli::Args &a) {
-    return stringid_field(a, QORAPrinterConfStringIdGetVendor, "stringid vendor");
-}
-int stringid_model(const qpcli::Args &a) {
-    return stringid_field(a, QORAPrinterConfStringIdGetModel, "stringid model");
-}
-int stringid_cmd(const qpcli::Args &a) { return stringid_field(a, QORAPrinterConfStringIdGetCmd, "stringid cmd"); }
 
 const qpcli::Register reg{{
-    cmd("stringid vendor", "STRING", "maker in a device ID string (MANUFACTURER:, MFG:, MFR:)", stringid_vendor),
-    cmd("stringid model", "STRING", "model in a device ID string (MODEL:, MDL:, DESCRIPTION:, DES:)", stringid_model),
-    cmd("stringid cmd", "STRING", "command set in a device ID string (COMMAND SET:, CMD:)", stringid_cmd),
-    cmd("stringid get", "KEY STRING", "value of KEY (with its colon); exit 1 when absent", stringid_get),
-    cmd("conf show", "ID", "print a printer's section of printer.conf", conf_show),
-    cmd("conf set", "ID key=value... [--force]", "write a USB printer's section (QORAPrinterConfSetup)", conf_set),
-    cmd("conf cups-name", "ID", "the printer's stored CUPS queue name", conf_cups_name),
-    cmd("conf detect", "ID", "maker and model from the stored device ID string", conf_detect),
-    cmd("cloud set", "ACCOUNT --password P | --token T", "store the cloud print account", cloud_set),
-    cmd("cloud show", "[--reveal]", "the cloud print account and which secret is stored", cloud_show),
+    cmd("stringid vendor", "STRING", "The maker in a device ID string (MANUFACTURER:, MFG:, MFR:).", stringid_vendor,
+        kJson),
+    cmd("stringid model", "STRING", "The model in a device ID string (MODEL:, MDL:, DESCRIPTION:, DES:).",
+        stringid_model, kJson),
+    cmd("stringid cmd", "STRING", "The command set in a device ID string (COMMAND SET:, CMD:).", stringid_cmd, kJson),
+    cmd("stringid get", "KEY STRING", "The value of KEY (with its colon) in a device ID string.", stringid_get, kJson),
+    cmd("conf show", "ID", "A printer's section of printer.conf.", conf_show, kJson),
+    cmd("conf set", "ID [KEY=VALUE...] [--force]", "Write a USB printer's section of printer.conf.", conf_set),
+    cmd("conf cups-name", "ID", "The printer's stored CUPS queue name.", conf_cups_name, kJson),
+    cmd("conf detect", "ID", "Maker and model from the printer's stored device ID string.", conf_detect, kJson),
+    cmd("cloud set", "ACCOUNT --password-file FILE|--token-file FILE",
+        "Store the cloud print account; the secret is the first line of FILE (- for standard input).", cloud_set),
+    cmd("cloud show", "[--reveal]", "The cloud print account and which secret is stored.", cloud_show, kJson),
 }};
 
 }  // namespace

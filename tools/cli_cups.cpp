@@ -1,4 +1,8 @@
 // qoraprinter subcommands for CUPS queues, PPD files, printing and jobs.
+#include <errno.h>
+#include <time.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,9 +15,12 @@
 
 namespace {
 
-using qpcli::clear_slot;
+using qpcli::begin_call;
 using qpcli::cmd;
 using qpcli::done;
+using qpcli::json;
+using qpcli::kJson;
+using qpcli::say;
 using qpcli::set_field;
 
 constexpr const char *kPrinterConf = "/usr/qora/etc/printer.conf";
@@ -22,12 +29,14 @@ int queue_add(const qpcli::Args &args) {
     qpcli::Args a = args;
     std::string ppd;
     qpcli::take_option(a, "--ppd", ppd);
-    if (a.size() != 1) return -1;
-    clear_slot();
+    if (a.size() != 1) return qpcli::kBadArgs;
+    begin_call();
     if (QORAPrinterCupsAdd(a[0].c_str(), ppd.empty() ? nullptr : ppd.c_str()) != 0) return qpcli::fail("queue add");
     char name[128] = {};
-    if (QORAPrinterCupsNameGet(a[0].c_str(), name, sizeof name) == 0) std::printf("%s\n", name);
-    return 0;
+    if (QORAPrinterCupsNameGet(a[0].c_str(), name, sizeof name) != 0) return qpcli::fail("queue add: reading the name");
+    if (json()) qpcli::Json().open().field("printer", a[0]).field("queue", name).close().print();
+    else std::printf("%s\n", name);
+    return qpcli::kOk;
 }
 
 // A network printer's record from flags, or from its stored section.
@@ -41,9 +50,10 @@ int queue_add_net(const qpcli::Args &args) {
     qpcli::take_option(a, "--backend", backend);
     qpcli::take_option(a, "--qname", qname);
     qpcli::take_option(a, "--id", id);
-    if (!a.empty()) return -1;
+    if (!a.empty()) return qpcli::kBadArgs;
+    begin_call();
     if (stored) {
-        if (!ip.empty() || !name.empty() || !backend.empty() || !qname.empty() || !id.empty()) return -1;
+        if (!ip.empty() || !name.empty() || !backend.empty() || !qname.empty() || !id.empty()) return qpcli::kBadArgs;
         PQLIBSZHASH hash = QLIBCSzHashAlloc(512);
         if (!hash) return qpcli::fail("queue add-net");
         if (QLIBCFileGetSection(kPrinterConf, from.c_str(), &hash) > 0) {
@@ -57,23 +67,19 @@ int queue_add_net(const qpcli::Args &args) {
             qname = get("QName");
         }
         QLIBCSzHashFree(hash);
-        if (ip.empty() || backend.empty()) {
-            std::fprintf(stderr, "queue add-net: no network printer section [%s] in %s\n", from.c_str(), kPrinterConf);
-            return 1;
-        }
+        if (ip.empty() || backend.empty())
+            return say(qpcli::kNo, "queue add-net: %s has no network printer section [%s].", kPrinterConf,
+                       from.c_str());
         id = from;
     } else {
-        if (ip.empty() || backend.empty()) return -1;
+        if (ip.empty() || backend.empty()) return qpcli::kBadArgs;
         if (id.empty()) id = ip + "-" + name;
     }
     PrinterNetConf conf = {};
     if (!set_field(conf.szIP, ip) || !set_field(conf.szCupsPrinterName, name) ||
-        !set_field(conf.szBackend, backend) || !set_field(conf.szQName, qname) ||
-        !set_field(conf.szPrinterId, id)) {
-        std::fprintf(stderr, "queue add-net: a value is too long for its field\n");
-        return 1;
-    }
-    clear_slot();
+        !set_field(conf.szBackend, backend) || !set_field(conf.szQName, qname) || !set_field(conf.szPrinterId, id))
+        return say(qpcli::kUsage, "queue add-net: a value is too long for its field.");
+    begin_call();
     return done(QORAPrinterNetCupsAdd(&conf, ppd.empty() ? nullptr : ppd.c_str()), "queue add-net");
 }
 
@@ -82,47 +88,52 @@ int queue_rm(const qpcli::Args &args) {
     std::string name, net;
     const bool by_name = qpcli::take_option(a, "--name", name);
     const bool by_net = qpcli::take_option(a, "--net", net);
-    clear_slot();
+    begin_call();
     if (by_name && !by_net && a.empty()) return done(QORAPrinterCupsRmByName(name.c_str()), "queue rm");
     if (by_net && !by_name && a.empty()) return done(QORAPrinterNetCupsRm(net.c_str()), "queue rm");
     if (!by_name && !by_net && a.size() == 1) return done(QORAPrinterCupsRm(a[0].c_str()), "queue rm");
-    return -1;
+    return qpcli::kBadArgs;
 }
 
 int queue_switch(const qpcli::Args &a, int on) {
-    if (a.size() != 1) return -1;
-    clear_slot();
+    if (a.size() != 1) return qpcli::kBadArgs;
+    begin_call();
     return done(QORAPrinterCupsPrinterEnable(a[0].c_str(), on), on ? "queue enable" : "queue disable");
 }
 int queue_enable(const qpcli::Args &a) { return queue_switch(a, 1); }
 int queue_disable(const qpcli::Args &a) { return queue_switch(a, 0); }
 
 int queue_check(const qpcli::Args &a) {
-    if (a.size() != 2) return -1;
-    clear_slot();
-    int rc = QORAPrinterCupsNameCheck(a[0].c_str(), a[1].c_str());
-    switch (rc) {
-    case 0: std::printf("0 no such queue (or cupsd not running)\n"); return 0;
-    case 1: std::printf("1 queue serves this printer\n"); return 0;
-    case 2: std::printf("2 queue serves another device\n"); return 0;
-    default: return qpcli::fail("queue check");
+    if (a.size() != 2) return qpcli::kBadArgs;
+    begin_call();
+    const int rc = QORAPrinterCupsNameCheck(a[0].c_str(), a[1].c_str());
+    if (rc < 0 || rc > 2) return qpcli::fail("queue check");
+    static const char *const kAnswer[] = {"no-queue", "this-printer", "another-device"};
+    static const char *const kText[] = {"no such queue (or cupsd is not running)", "the queue serves this printer",
+                                        "the queue serves another device"};
+    if (json()) {
+        qpcli::Json().open().field("printer", a[0]).field("queue", a[1]).field("answer", kAnswer[rc]).close().print();
+    } else {
+        std::printf("%s\n", kText[rc]);
     }
+    return rc == 1 ? qpcli::kOk : rc == 0 ? qpcli::kNo : qpcli::kPartly;
 }
 
 int queue_scrub_usb(const qpcli::Args &a) {
-    if (!a.empty()) return -1;
-    clear_slot();
+    if (!a.empty()) return qpcli::kBadArgs;
+    begin_call();
     return done(QORAPrinterCupsUsbConfRmAll(), "queue scrub-usb");
 }
 
 int ppd_show(const qpcli::Args &a) {
-    if (a.size() != 1) return -1;
-    clear_slot();
+    if (a.size() != 1) return qpcli::kBadArgs;
+    begin_call();
     char *text = QORACupsGetPPD(a[0].c_str());
     if (!text) return qpcli::fail("ppd show");
-    std::fputs(text, stdout);
+    if (json()) qpcli::Json().open().field("name", a[0]).field("text", text).close().print();
+    else std::fputs(text, stdout);
     std::free(text);
-    return 0;
+    return qpcli::kOk;
 }
 
 int print_file(const qpcli::Args &args) {
@@ -130,47 +141,87 @@ int print_file(const qpcli::Args &args) {
     std::string title;
     const bool titled = qpcli::take_option(a, "--title", title);
     const bool remove = qpcli::take_flag(a, "--remove");
-    if (a.size() != 2) return -1;
-    clear_slot();
+    if (a.size() != 2) return qpcli::kBadArgs;
+    begin_call();
     return done(QORAPrinterCupsPrintFile(a[0].c_str(), a[1].c_str(), titled ? title.c_str() : nullptr, remove ? 1 : 0),
                 "print");
 }
 
 int print_test(const qpcli::Args &a) {
-    if (a.size() != 1) return -1;
-    clear_slot();
+    if (a.size() != 1) return qpcli::kBadArgs;
+    begin_call();
     return done(QORAPrinterCupsPrintTestPage(a[0].c_str()), "print-test");
 }
 
-int job_wait(const qpcli::Args &a) {
-    if (a.size() != 2) return -1;
-    clear_slot();
-    int rc = QORAPrinterCupsJobWaitComplete(a[0].c_str(), a[1].c_str());
+long long now_ms() {
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
+}
+
+// Asks the library until the job has left the queue or the time is up; each
+// question lists the queue once (up to five times, a second apart, when a
+// listing fails).
+int job_wait(const qpcli::Args &args) {
+    qpcli::Args a = args;
+    std::string limit = "0";
+    qpcli::take_option(a, "--timeout", limit);
+    char *end = nullptr;
+    errno = 0;
+    const long seconds = std::strtol(limit.c_str(), &end, 10);
+    if (a.size() != 2) return qpcli::kBadArgs;
+    if (limit.empty() || *end || errno || seconds < 0 || seconds > 86400)
+        return say(qpcli::kUsage, "job wait: --timeout takes whole seconds from 0 to 86400, not '%s'.", limit.c_str());
+    const long long start = now_ms(), deadline = start + seconds * 1000;
+    int rc;
+    for (;;) {
+        begin_call();
+        rc = QORAPrinterCupsJobWaitComplete(a[0].c_str(), a[1].c_str());
+        if (rc != 1 || now_ms() >= deadline) break;
+        const long long pause = std::min(1000LL, deadline - now_ms());
+        if (pause > 0) {
+            const timespec ts{static_cast<time_t>(pause / 1000), static_cast<long>(pause % 1000) * 1000000L};
+            nanosleep(&ts, nullptr);
+        }
+    }
     if (rc < 0) return qpcli::fail("job wait");
-    std::printf("%s\n", rc == 0 ? "complete" : "still queued");
-    return 0;
+    const long long waited = (now_ms() - start) / 1000;
+    if (json()) {
+        qpcli::Json().open().field("printer", a[0]).field("job", a[1]).field("complete", rc == 0)
+            .field("seconds", waited).close().print();
+    } else if (rc == 0) {
+        std::printf("job %s has left the queue\n", a[1].c_str());
+    } else {
+        std::printf("job %s is still queued after %lld s\n", a[1].c_str(), waited);
+    }
+    return rc == 0 ? qpcli::kOk : qpcli::kTimedOut;
 }
 
 int spool_clean(const qpcli::Args &a) {
-    if (!a.empty()) return -1;
-    clear_slot();
+    if (!a.empty()) return qpcli::kBadArgs;
+    begin_call();
     return done(QORAPrinterCleanSpool(), "spool clean");
 }
 
 const qpcli::Register reg{{
-    cmd("queue add", "ID [--ppd FILE]", "create a USB printer's queue (stopped); prints its name", queue_add),
-    cmd("queue add-net", "--ip IP --name Q --backend B [--qname R] [--id ID] [--ppd FILE] | --from ID [--ppd FILE]",
-        "create a network printer's queue", queue_add_net),
-    cmd("queue rm", "ID | --name Q | --net ID", "remove a queue by printer, by name, or a network printer's", queue_rm),
-    cmd("queue enable", "Q", "start a queue (usbprinter1 with its twin)", queue_enable),
-    cmd("queue disable", "Q", "stop a queue (usbprinter1 with its twin)", queue_disable),
-    cmd("queue check", "ID Q", "does queue Q exist and serve printer ID (0, 1, 2)", queue_check),
-    cmd("queue scrub-usb", "", "drop the USB queues from printers.conf (cupsd stopped)", queue_scrub_usb),
-    cmd("ppd show", "NAME", "print /etc/cups/ppd/NAME.ppd", ppd_show),
-    cmd("print", "ID FILE [--title T] [--remove]", "print a file on the printer's queue", print_file),
-    cmd("print-test", "ID", "print the test page", print_test),
-    cmd("job wait", "ID JOB", "whether job JOB is still in the printer's queue", job_wait),
-    cmd("spool clean", "", "cancel all jobs and empty the spool directory", spool_clean),
+    cmd("queue add", "ID [--ppd FILE]", "Create a USB printer's queue, stopped, and print its name.", queue_add,
+        kJson),
+    cmd("queue add-net", "--ip IP --backend URI [--name Q] [--qname R] [--id ID] [--ppd FILE] | --from ID [--ppd FILE]",
+        "Create a network printer's queue from these values or from its stored section.", queue_add_net),
+    cmd("queue rm", "ID | --name Q | --net ID", "Remove a queue by printer, by name, or a network printer's.",
+        queue_rm),
+    cmd("queue enable", "Q", "Start a queue (usbprinter1 with its twin).", queue_enable),
+    cmd("queue disable", "Q", "Stop a queue (usbprinter1 with its twin).", queue_disable),
+    cmd("queue check", "ID Q", "Whether queue Q exists and serves printer ID (0 yes, 3 no queue, 4 another device).",
+        queue_check, kJson),
+    cmd("queue scrub-usb", "", "Drop the USB queues from printers.conf (cupsd stopped).", queue_scrub_usb),
+    cmd("ppd show", "NAME", "The PPD file /etc/cups/ppd/NAME.ppd.", ppd_show, kJson),
+    cmd("print", "ID FILE [--title T] [--remove]", "Print a file on the printer's queue.", print_file),
+    cmd("print-test", "ID", "Print the test page.", print_test),
+    cmd("job wait", "ID JOB [--timeout SECONDS]",
+        "Wait until job JOB has left the printer's queue (0) or the time is up (5); without --timeout, ask once.",
+        job_wait, kJson),
+    cmd("spool clean", "", "Cancel all jobs and empty the spool directory.", spool_clean),
 }};
 
 }  // namespace

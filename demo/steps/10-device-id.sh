@@ -16,7 +16,7 @@ show qoraprinter stringid vendor 'manufacturer:Acme Corp;mfg:ACME;model:LX-9;'
 show qoraprinter stringid model 'manufacturer:Acme Corp;mfg:ACME;model:LX-9;'
 
 say ""
-say "Any key, with its colon; an absent key gives exit status 1."
+say "Any key, with its colon; an absent key gives exit status 3 ("no")."
 show qoraprinter stringid get 'CLS:' "$id"
 show qoraprinter stringid get 'SN:' "$id"
 

@@ -35,11 +35,15 @@ show qoraprinter conf cups-name "$id"
 show_log
 
 heading "Cloud print account"
+say "Secrets never go on the command line (every user can read it in /proc):"
 show qoraprinter cloud set user@example.com --password 'correct horse'
+say "They come from a file or, with -, from standard input:"
+show qoraprinter cloud set user@example.com --password-file - <<<'correct horse'
 show qoraprinter cloud show
 say "In the file the password is enciphered:"
 show cat "$conf"
 say "Switching to a refresh token drops the stored password:"
-show qoraprinter cloud set user@example.com --token 1//refresh-token-value
-show qoraprinter cloud show --reveal
+printf '1//refresh-token-value\n' >/tmp/demo-token && chmod 600 /tmp/demo-token
+show qoraprinter cloud set user@example.com --token-file /tmp/demo-token
+show qoraprinter cloud show --reveal --json
 show qoraprinter conf show 'Google Cloud Print'

@@ -46,8 +46,8 @@ show qoraprinter print "$id" /tmp/demo-page.txt --title "demo page"
 show lpq -P "$queue"
 job=$(lpstat -o "$queue" 2>/dev/null | awk 'NR == 1 { n = split($1, p, "-"); print p[n] }')
 if [ -n "$job" ]; then
-    say "Job $job is still listed:"
-    show qoraprinter job wait "$id" "$job"
+    say "Job $job stays listed; waiting two seconds for it ends with exit status 5 (timed out):"
+    show qoraprinter job wait "$id" "$job" --timeout 2
 fi
 
 say ""

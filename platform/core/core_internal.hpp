@@ -130,7 +130,7 @@ std::vector<std::string> child_environment();
 
 // Spawns a program with stdin /dev/null, stderr /dev/null and stdout on
 // stdout_fd (or /dev/null when -1).  Returns the pid, or -1 (slot set).
-pid_t spawn(const char *path, const std::vector<std::string> &argv, int stdout_fd);
+pid_t spawn(const char *path, const std::vector<std::string> &argv, int stdout_fd, int stderr_fd = -1);
 // Waits for pid, retrying on EINTR; 0 and the raw status on success, else -1.
 int wait_child(pid_t pid, int &status);
 

@@ -1,7 +1,8 @@
 // Running programs without a shell: posix_spawn (vfork semantics in glibc, so
 // a large caller is not copied), every descriptor of ours close-on-exec, the
-// child's stdin and stderr on /dev/null, a clean signal state, and a C locale
-// so that the callers' parsers see untranslated output.
+// child's stdin on /dev/null and its stderr on a pipe whose first line is kept
+// when the program fails, a clean signal state, and a C locale so that the
+// callers' parsers see untranslated output.
 #include "core_internal.hpp"
 
 #include <errno.h>
@@ -26,9 +27,65 @@ namespace {
 // instead of running off the stack.
 constexpr int kMaxArgs = 1024;
 
-// Streams of QLIBCPopen and the children behind them.
+// The child's stderr: a pipe read once the child has ended.  Both ends are
+// non-blocking, so a child that fills it gets EAGAIN rather than waiting for
+// a reader that only comes after it exits.
+struct StderrTap {
+    qc::Fd rd, wr;
+    // Without a pipe the child's stderr goes to /dev/null.
+    void open() {
+        int fds[2];
+        if (::pipe2(fds, O_CLOEXEC | O_NONBLOCK) == 0) {
+            rd.reset(fds[0]);
+            wr.reset(fds[1]);
+        }
+    }
+    // The first non-empty line waiting in the pipe, control bytes as blanks.
+    std::string first_line() noexcept {
+        char buf[4096];
+        ssize_t n = rd.ok() ? ::read(rd.get(), buf, sizeof buf) : -1;
+        std::string_view all(buf, n > 0 ? static_cast<size_t>(n) : 0), line;
+        while (line.empty() && !all.empty()) {
+            size_t end = all.find('\n');
+            line = qc::trim(all.substr(0, end));
+            all = end == all.npos ? std::string_view() : all.substr(end + 1);
+        }
+        try {
+            return qc::neutralise(line);
+        } catch (...) {
+            return {};
+        }
+    }
+};
+
+// The last failed run, for QLIBCExecTakeFailure.
+struct Failure {
+    bool set = false;
+    std::string path, line;
+    int result = 0;
+};
+std::mutex g_failure_mutex;
+Failure g_failure;
+
+int note_failure(const char *path, int result, std::string_view line) noexcept {
+    if (result == 0) return 0;
+    try {
+        std::lock_guard<std::mutex> guard(g_failure_mutex);
+        g_failure = Failure{true, path, std::string(line), result};
+    } catch (...) {
+        // The record is a courtesy; the result stands without it.
+    }
+    return result;
+}
+
+// Streams of QLIBCPopen and the children behind them, with their stderr.
+struct PopenChild {
+    pid_t pid;
+    std::string path;
+    StderrTap tap;
+};
 std::mutex g_popen_mutex;
-std::map<FILE *, pid_t> g_popen_children;
+std::map<FILE *, PopenChild> g_popen_children;
 
 // 0 for exit 0, the exit status, or negative for a child that did not exit.
 int exit_result(int status) {
@@ -42,14 +99,17 @@ int exit_result(int status) {
 }
 
 int run_and_wait(const char *path, const std::vector<std::string> &argv) {
-    pid_t pid = qc::spawn(path, argv, -1);
-    if (pid < 0) return -1;
+    StderrTap tap;
+    tap.open();
+    pid_t pid = qc::spawn(path, argv, -1, tap.wr.get());
+    tap.wr.reset();
+    if (pid < 0) return note_failure(path, -1, ::strerror(errno));
     int status = 0;
     if (qc::wait_child(pid, status) != 0) {
         QC_FAIL(ERR_EXTERNAL_FAILED);
-        return -1;
+        return note_failure(path, -1, "");
     }
-    return exit_result(status);
+    return note_failure(path, exit_result(status), tap.first_line());
 }
 
 bool has_glob_chars(const char *s) { return strpbrk(s, "*?[") != nullptr; }
@@ -87,7 +147,7 @@ std::vector<std::string> child_environment() {
     return env;
 }
 
-pid_t spawn(const char *path, const std::vector<std::string> &argv, int stdout_fd) {
+pid_t spawn(const char *path, const std::vector<std::string> &argv, int stdout_fd, int stderr_fd) {
     std::vector<std::string> env = child_environment();
     std::vector<char *> cargv, cenv;
     for (const auto &a : argv) cargv.push_back(const_cast<char *>(a.c_str()));
@@ -111,7 +171,10 @@ pid_t spawn(const char *path, const std::vector<std::string> &argv, int stdout_f
         rc = stdout_fd >= 0 ? ::posix_spawn_file_actions_adddup2(&actions, stdout_fd, 1)
                             : ::posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
     }
-    if (rc == 0) rc = ::posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    if (rc == 0) {
+        rc = stderr_fd >= 0 ? ::posix_spawn_file_actions_adddup2(&actions, stderr_fd, 2)
+                            : ::posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    }
 
     // The child must not inherit the caller's blocked or ignored signals
     // (an ignored SIGPIPE or SIGCHLD changes how tools behave).
@@ -128,6 +191,7 @@ pid_t spawn(const char *path, const std::vector<std::string> &argv, int stdout_f
     ::posix_spawn_file_actions_destroy(&actions);
     if (rc != 0) {
         QC_FAIL(ERR_EXTERNAL_FAILED);
+        errno = rc;
         return -1;
     }
     return pid;
@@ -227,9 +291,13 @@ extern "C" QLIBC_API FILE *QLIBCPopen(const char *szPath, const char *szMode, ..
             return nullptr;
         }
         qc::Fd rd{fds[0]}, wr{fds[1]};
-        pid_t pid = qc::spawn(szPath, argv, wr.get());
+        StderrTap tap;
+        tap.open();
+        pid_t pid = qc::spawn(szPath, argv, wr.get(), tap.wr.get());
         wr.reset();  // or the reader never sees the end of the output
+        tap.wr.reset();
         if (pid < 0) {
+            note_failure(szPath, -1, ::strerror(errno));
             QC_FAIL(ERR_OPEN_FAILED);
             return nullptr;
         }
@@ -244,7 +312,7 @@ extern "C" QLIBC_API FILE *QLIBCPopen(const char *szPath, const char *szMode, ..
         rd.release();
         try {
             std::lock_guard<std::mutex> guard(g_popen_mutex);
-            g_popen_children[fp] = pid;
+            g_popen_children.emplace(fp, PopenChild{pid, szPath, std::move(tap)});
         } catch (...) {
             ::fclose(fp);
             int status;
@@ -264,7 +332,7 @@ extern "C" QLIBC_API int QLIBCPclose(FILE *fp) {
         QC_FAIL(ERR_BAD_PARAMETER);
         return -1;
     }
-    pid_t pid;
+    PopenChild child{-1, {}, {}};
     {
         std::lock_guard<std::mutex> guard(g_popen_mutex);
         auto it = g_popen_children.find(fp);
@@ -272,17 +340,29 @@ extern "C" QLIBC_API int QLIBCPclose(FILE *fp) {
             QC_FAIL(ERR_BAD_PARAMETER);
             return -1;
         }
-        pid = it->second;
+        child = std::move(it->second);
         g_popen_children.erase(it);
     }
     ::fclose(fp);
     int status = 0;
-    if (qc::wait_child(pid, status) != 0) {
+    if (qc::wait_child(child.pid, status) != 0) {
         QC_FAIL(ERR_EXTERNAL_FAILED);
-        return -1;
+        return note_failure(child.path.c_str(), -1, "");
     }
     // A reader that stops early closes the pipe; the child's SIGPIPE is the
     // expected end of the conversation, not a failure of the program.
     if (WIFSIGNALED(status) && WTERMSIG(status) == SIGPIPE) return 0;
-    return exit_result(status);
+    return note_failure(child.path.c_str(), exit_result(status), child.tap.first_line());
+}
+
+extern "C" QLIBC_API int QLIBCExecTakeFailure(char *szPath, int cbPath, int *piResult, char *szLine, int cbLine) {
+    Failure f;
+    {
+        std::lock_guard<std::mutex> guard(g_failure_mutex);
+        std::swap(f, g_failure);
+    }
+    if (szPath && cbPath > 0) qc::copy_out(f.path, szPath, cbPath);
+    if (szLine && cbLine > 0) qc::copy_out(f.line, szLine, cbLine);
+    if (piResult) *piResult = f.result;
+    return f.set ? 1 : 0;
 }

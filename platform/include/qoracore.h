@@ -156,8 +156,9 @@ QLIBC_API int QLIBCStrReplace(const char *szSrc, const char *szPattern, const ch
 
 /* ---- Programs and processes ------------------------------------------------------ */
 /*
- * Programs run by absolute path without a shell: stdin and stderr on
- * /dev/null, stdout on /dev/null (or the stream of QLIBCPopen), an empty
+ * Programs run by absolute path without a shell: stdin on /dev/null, stderr
+ * on a pipe read after the program ended (see QLIBCExecTakeFailure), stdout
+ * on /dev/null (or the stream of QLIBCPopen), an empty
  * signal mask and default dispositions, the caller's environment without LANG
  * and LC_* plus LC_ALL=C.  Exec/Execl/Execv: 0 for exit status 0, the exit
  * status when non-zero, negative when the program could not start (-1) or was
@@ -176,6 +177,16 @@ QLIBC_API int QLIBCExecv(const char *szPath, char *const argv[], int iOptions);
 QLIBC_API FILE *QLIBCPopen(const char *szPath, const char *szMode, ...);
 QLIBC_API int QLIBCPclose(FILE *fp);
 QLIBC_API int QLIBCIsProcAlive(const char *szName);
+/*
+ * The most recent failed program run (Exec/Execl/Execv, or a stream closed by
+ * QLIBCPclose) of this process: its path, its result as those functions
+ * returned it, and the first non-empty line it wrote to stderr (control bytes
+ * as blanks; empty when it wrote none, strerror when it could not start).
+ * Each buffer is filled cut to fit; any may be NULL.  1 when a failure was
+ * recorded, 0 when none; reading clears the record.  A program that writes
+ * more than a pipe holds (64 KiB) to stderr gets EAGAIN for the rest.
+ */
+QLIBC_API int QLIBCExecTakeFailure(char *szPath, int cbPath, int *piResult, char *szLine, int cbLine);
 
 /* ---- Secrets ----------------------------------------------------------------------- */
 /*

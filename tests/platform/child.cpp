@@ -87,6 +87,7 @@ int main(int argc, char **argv) {
     std::string mode = argv[1];
     if (mode == "exit") {
         puts("out");
+        if (argc > 3) fprintf(stderr, "\n%s\nsecond line\n", argv[3]);
         return argc > 2 ? atoi(argv[2]) : 0;
     }
     if (mode == "kill") {

@@ -47,6 +47,17 @@ TEST(Exec, StatusArgumentsAndWildcards) {
     QLIBCErrSetEx(0, "", 0);
     EXPECT_LT(QLIBCExec("/nonexistent/program", nullptr, nullptr, nullptr, nullptr), 0);
     EXPECT_NE(QLIBCErrGet(), 0u);
+    // The last failed run is kept with its first stderr line until read.
+    char path[256], line[64];
+    int result = 0;
+    EXPECT_EQ(QLIBCExecTakeFailure(path, sizeof path, &result, line, sizeof line), 1);
+    EXPECT_EQ(std::string(path) + "|" + std::to_string(result) + "|" + line,
+              "/nonexistent/program|-1|No such file or directory");
+    EXPECT_EQ(QLIBCExecl(c.c_str(), 0xBB, "exit", "3", "why\x01 it failed", nullptr), 3);
+    EXPECT_EQ(QLIBCExecl(c.c_str(), 0xBB, "exit", "0", "a warning of a run that succeeded", nullptr), 0);
+    EXPECT_EQ(QLIBCExecTakeFailure(path, sizeof path, &result, line, sizeof line), 1);
+    EXPECT_EQ(std::string(path) + "|" + std::to_string(result) + "|" + line, c + "|3|why  it failed");
+    EXPECT_EQ(QLIBCExecTakeFailure(nullptr, 0, nullptr, nullptr, 0), 0);
 
     for (const char *name : {"b.txt", "a.txt", "c.log"}) qpt::write_file(dir + "/" + name, "x");
     const std::string txt = dir + "/*.txt", head = c + "\nargsto\n" + out + "\n";
@@ -80,6 +91,7 @@ TEST(Popen, OutputStatusAndEarlyClose) {
     int rc = 0;
     EXPECT_EQ(popen_child("exit", "4", &rc), "out\n");
     EXPECT_EQ(rc, 4);
+    EXPECT_EQ(QLIBCExecTakeFailure(nullptr, 0, &rc, nullptr, 0) * 10 + rc, 14);
 
     // A reader that has what it wants closes early; the writer's SIGPIPE is no failure.
     fp = QLIBCPopen(c.c_str(), "r", "yes", nullptr);
@@ -112,11 +124,11 @@ TEST(Exec, ChildrenStartClean) {
     for (std::string l; std::getline(fds, l);) {
         const int fd = atoi(l.c_str());
         const std::string target = l.substr(l.find(' ') + 1);
-        if (fd == 0 || fd == 2) std_fds += target == "/dev/null";
-        else if (fd == 1) std_fds += target.rfind("pipe:", 0) == 0;
+        if (fd == 0) std_fds += target == "/dev/null";
+        else if (fd == 1 || fd == 2) std_fds += target.rfind("pipe:", 0) == 0;
         else EXPECT_TRUE(allowed.count(fd) && fd != lock_fd && fd != fileno(held)) << "leaked into the child: " << l;
     }
-    EXPECT_EQ(std_fds, 3) << fds.str();  // stdin and stderr on /dev/null, stdout the pipe
+    EXPECT_EQ(std_fds, 3) << fds.str();  // stdin on /dev/null, stdout and stderr pipes
     EXPECT_EQ(QLIBCPclose(held), 0);
     close(lock_fd);
     EXPECT_EQ(QLIBCFileUnlock(LOCK_USBIDMAP), 0);
