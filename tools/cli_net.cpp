@@ -6,6 +6,7 @@
 #include <string>
 
 #include "cli.hpp"
+#include "cli_ipp.hpp"
 #include "qoraprinter.h"
 
 namespace {
@@ -67,10 +68,28 @@ int net_configure(const Args &args) {
     qpcli::take_option(a, "--driver-brand", driverBrand);
     qpcli::take_option(a, "--ppd", ppd);
     qpcli::take_option(a, "--by", how);
-    if (a.size() != 1 || name.empty()) return bad_usage("net configure");
+    const bool driverless = qpcli::take_flag(a, "--driverless");
+    if (a.size() != 1 || name.empty() || (driverless && (given || !ppd.empty()))) return bad_usage("net configure");
     const std::string ip = a[0];
 
-    if (!given) {
+    qpipp::DriverlessPpd made;
+    if (driverless) {
+        // The printer describes itself over IPP; its queue prints to ipp://IP/ipp/print.
+        if (!qpipp::valid_host(ip) || ip.find(':') != std::string::npos) {
+            fprintf(stderr, "net configure: '%s' is no IPv4 address or host name\n", ip.c_str());
+            return 1;
+        }
+        qpipp::make_driverless_ppd(ip, made);
+        if (!made.ok) {
+            fprintf(stderr, "net configure: %s\n", made.problem.c_str());
+            return made.no ? qpipp::kExitNo : 1;
+        }
+        backend = "ipp", qname = "ipp/print", ppd = made.path;
+        if (model.empty()) model = made.make_and_model;
+        if (brand.empty()) brand = model.substr(0, model.find(' '));
+        if (stringId.empty()) stringId = made.device_id;
+        if (driver.empty()) driver = "driverless";
+    } else if (!given) {
         PrinterNetInfo info;
         if (identify_by(how, ip, info) < 0) return qpcli::fail("net configure: identification");
         backend = info.szBackend;
@@ -147,9 +166,10 @@ int net_remove(const Args &args) {
 const qpcli::Register kNet({
     {"net identify", "IP [--snmp|--bjnp|--mdns]",
      "identify the printer at an address (exit 2: not or partly identified)", net_identify},
-    {"net configure", "IP --name QUEUE [--by snmp|bjnp|mdns] [--backend B --qname Q --brand B --model M "
-                      "--string-id S --driver D --driver-brand DB --ppd FILE]",
-     "register a network printer: nptab line, printer.conf section and queue", net_configure},
+    {"net configure", "IP --name QUEUE [--driverless | --by snmp|bjnp|mdns] [--backend B --qname Q --brand B "
+                      "--model M --string-id S --driver D --driver-brand DB --ppd FILE]",
+     "register a network printer: nptab line, printer.conf section and queue (--driverless: PPD from the "
+     "printer over IPP; exit 3: it does not speak IPP Everywhere)", net_configure},
     {"net check", "IP [QUEUE]", "does a queue (this queue) print to the address?", net_check},
     {"net ping", "IP", "Online or Offline", net_ping},
     {"net remove", "IP --name QUEUE", "remove a network printer's queue and nptab line", net_remove},
