@@ -21,7 +21,7 @@
 #               mDNS qp-half (ipp 631 without usb_MDL)
 #   10.123.0.7  SNMP agent with another community
 #   10.123.0.8  IPP Everywhere printer "ACME Eve 1" (ippeveprinter, port 631,
-#               ipp/print), announced by its own mDNS as qp-eve.local; keeps
+#               ipp/print), announced by mDNS as qp-eve.local; keeps
 #               every document it receives in /tmp/qp-net/eve (component ipp)
 #   10.123.0.2  with ipp: also an IPP printer on 631 that takes PostScript only
 #   10.123.0.9  nobody (no host answers)
@@ -171,7 +171,7 @@ dbus-daemon --system --fork
 for i in \$(seq 100); do [ -S /run/dbus/system_bus_socket ] && break; sleep 0.05; done
 $LAB/qp-prn-avahid -f $LAB/avahi-prn.conf --no-drop-root --no-chroot --no-rlimits -D
 for i in \$(seq 100); do [ -S /run/avahi-daemon/socket ] && break; sleep 0.05; done
-cat /run/avahi-daemon/pid > $LAB/avahi-prn.pid
+cat /run/avahi-daemon/pid > $LAB/avahi-prn.pid || true
 pub() { setsid avahi-publish "\$@" </dev/null >/dev/null 2>&1 & }
 pub -a -R qp-office.local 10.123.0.2
 pub -a -R qp-basement.local 10.123.0.3
@@ -190,10 +190,13 @@ EOF
     ip netns exec $NS /bin/bash $LAB/avahi-prn.sh
 }
 
-# IPP printers (ippeveprinter) in the printers' mount namespace, where their
-# DNS-SD registration finds the D-Bus and avahi-daemon it needs.  Each one
-# binds only the addresses its host name has in /etc/hosts (an IPv6 one too:
-# it refuses to start without an IPv6 listener).
+# IPP printers (ippeveprinter) in the printers' mount namespace, where the
+# D-Bus and avahi-daemon it needs at start are.  Each one binds only the
+# addresses its host name has in /etc/hosts (an IPv6 one too: it refuses to
+# start without an IPv6 listener).  Its own DNS-SD registration would name
+# the daemon's host, whose address is any of the namespace's: the IPP
+# Everywhere printer is announced by avahi-publish instead, with the TXT
+# keys such a printer has.
 ipp_start() {  # tag host v4 v6 options...
     local tag=$1 host=$2 v4=$3 v6=$4 pid
     shift 4
@@ -206,7 +209,7 @@ ipp_start() {  # tag host v4 v6 options...
     mkdir -p $LAB/$tag
     pid=$(cat $LAB/avahi-prn.pid)
     DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket \
-        nsenter -t "$pid" -m -n -r -w /usr/sbin/ippeveprinter -p 631 -n $host -d $LAB/$tag -k "$@" \
+        nsenter -t "$pid" -m -n -r -w /usr/sbin/ippeveprinter -p 631 -n $host -r off -d $LAB/$tag -k "$@" \
         </dev/null >$LAB/ipp-$tag.log 2>&1 &
     echo $! > $LAB/ipp-$tag.pid
     wait_for 5 sh -c "ip netns exec $NS ss -Hltn 'src $v4:631' | grep -q ." \
@@ -219,6 +222,13 @@ ipp_up() {  # options for the IPP Everywhere printer
     # Each document is taken at once (/bin/true), not after the simulated
     # 5-15 s of printing ippeveprinter spends without a command.
     [ $# -gt 0 ] || set -- -M ACME -m "Eve 1" -c /bin/true
+    if [ ! -s $LAB/ipp-mdns.pid ]; then
+        DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket \
+            nsenter -t "$(cat $LAB/avahi-prn.pid)" -m -n -r -w setsid avahi-publish -s -H qp-eve.local "ACME Eve" \
+            _ipp._tcp 631 txtvers=1 rp=ipp/print "ty=ACME Eve 1" pdl=image/pwg-raster,image/urf \
+            usb_MFG=ACME "usb_MDL=Eve 1" usb_CMD=PWG,URF </dev/null >/dev/null 2>&1 &
+        echo $! > $LAB/ipp-mdns.pid
+    fi
     ipp_start eve qp-eve.local 10.123.0.8 fd00:123::8 "$@" "ACME Eve" &&
         ipp_start old qp-office.local 10.123.0.2 fd00:123::2 -M ACME -m X1 -f application/postscript -c /bin/true "ACME X1"
 }
