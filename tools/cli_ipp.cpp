@@ -485,8 +485,9 @@ void print_status(const PrinterStatus &st, bool json, FILE *out) {
         fprintf(out, "%s does not speak IPP: %s\n", st.address.c_str(), st.problem.c_str());
         return;
     }
-    fprintf(out, "printer:   %s\nuri:       %s\nstate:     %s%s%s\n", st.make_and_model.c_str(), st.uri.c_str(),
-            st.state.c_str(), st.reasons.empty() ? "" : " (", st.reasons.empty() ? "" : (joined(st.reasons) + ")").c_str());
+    const std::string reasons = st.reasons.empty() ? "" : " (" + joined(st.reasons) + ")";
+    fprintf(out, "printer:   %s\nuri:       %s\nstate:     %s%s\n", st.make_and_model.c_str(), st.uri.c_str(),
+            st.state.c_str(), reasons.c_str());
     if (!st.message.empty()) fprintf(out, "message:   %s\n", st.message.c_str());
     fprintf(out, "accepting: %s\nformats:   %s\ndriverless: %s\n", st.accepting ? "yes" : "no",
             joined(st.formats).c_str(), st.everywhere ? "yes" : "no");
@@ -523,7 +524,8 @@ void make_driverless_ppd(const std::string &host, DriverlessPpd &out) {
     const ToolRun r = run_tool({kDriverless, "cat", printer_uri(host)}, "", kToolTimeoutMs);
     if (r.status != 0 || r.out.compare(0, 11, "*PPD-Adobe:") != 0) {
         const std::string why = r.timed_out ? "timed out" : clean(last_line(r.err));
-        out.problem = std::string(kDriverless) + " made no PPD for " + printer_uri(host) + (why.empty() ? "" : ": " + why);
+        out.problem = std::string(kDriverless) + " made no PPD for " + printer_uri(host);
+        if (!why.empty()) out.problem += ": " + why;
         return;
     }
     // A private directory: nobody else can put a file or link in it.

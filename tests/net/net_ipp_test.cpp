@@ -45,8 +45,8 @@ std::string small_pdf() {
     const char *objs[] = {
         "<< /Type /Catalog /Pages 2 0 R >>",
         "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
-        "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 595 842] /Contents 4 0 R "
-        "/Resources << /Font << /F1 5 0 R >> >> >>",
+        ("<< /Type /Page /Parent 2 0 R /MediaBox [0 0 595 842] /Contents 4 0 R "
+         "/Resources << /Font << /F1 5 0 R >> >> >>"),
         "<< /Length 44 >>\nstream\nBT /F1 24 Tf 72 720 Td (Driverless) Tj ET\nendstream",
         "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>",
     };
@@ -196,8 +196,9 @@ TEST(NetStatus, StateReasonsAndSupplies) {
               "\"make_and_model\":\"ACME Eve 2\",\"state\":\"idle\",\"reasons\":[],\"message\":\"Idle.\","
               "\"accepting\":true,\"driverless\":true,"
               "\"formats\":[\"application/octet-stream\",\"image/pwg-raster\",\"image/urf\"],\"supplies\":["
-              "{\"name\":\"Black, toner\",\"type\":\"toner\",\"color\":\"#000000\",\"level\":7,\"low\":10,\"high\":100},"
-              "{\"name\":\"Waste\",\"type\":\"waste-toner\",\"color\":\"none\",\"level\":60,\"low\":0,\"high\":90}]}\n");
+              "{\"name\":\"Black, toner\",\"type\":\"toner\",\"color\":\"#000000\",\"level\":7,\"low\":10,"
+              "\"high\":100},{\"name\":\"Waste\",\"type\":\"waste-toner\",\"color\":\"none\",\"level\":60,"
+              "\"low\":0,\"high\":90}]}\n");
 
     qpt::write_file("/tmp/eve-slow.txt", "slow\n");
     ASSERT_EQ(QORAPrinterCupsPrintFile(kId, "/tmp/eve-slow.txt", "slow", 0), 0);
@@ -213,7 +214,7 @@ TEST(NetStatus, StateReasonsAndSupplies) {
     const struct { std::vector<std::string> args; int status; const char *out; } rows[] = {
         {{"10.123.0.2"}, 0, "formats:   application/octet-stream, application/postscript\ndriverless: no\n"},
         {{"10.123.0.3"}, 3, "10.123.0.3 does not speak IPP: no IPP answer from ipp://10.123.0.3/ipp/print ("},
-        {{"10.123.0.3", "--json"}, 3, "{\"address\":\"10.123.0.3\",\"uri\":\"ipp://10.123.0.3/ipp/print\",\"ipp\":false,"},
+        {{"10.123.0.3", "--json"}, 3, "\"uri\":\"ipp://10.123.0.3/ipp/print\",\"ipp\":false,\"problem\":\"no IPP"},
         {{"--x"}, 1, ""},
     };
     for (const auto &r : rows) {
