@@ -177,12 +177,12 @@ TEST(Driverless, ConfiguredQueueDeliversEveryJob) {
 TEST(NetStatus, StateReasonsAndSupplies) {
     qpt::write_file("/tmp/qp-net/eve.attrs",
                     "ATTR textWithoutLanguage printer-make-and-model \"ACME Eve 2\"\n"
-                    "ATTR name marker-names \"Black, toner\",Waste\n"
-                    "ATTR keyword marker-types toner,waste-toner\n"
-                    "ATTR name marker-colors \"#000000\",none\n"
-                    "ATTR integer marker-levels 7,60\n"
-                    "ATTR integer marker-low-levels 10,0\n"
-                    "ATTR integer marker-high-levels 100,90\n");
+                    "ATTR name marker-names \"Black, toner\",Waste,\"Drum \\\"A\\\"\"\n"
+                    "ATTR keyword marker-types toner,waste-toner,opc\n"
+                    "ATTR name marker-colors \"#000000\",none,none\n"
+                    "ATTR integer marker-levels 7,60,-3\n"
+                    "ATTR integer marker-low-levels 10,0,5\n"
+                    "ATTR integer marker-high-levels 100,90,100\n");
     qpt::write_file("/tmp/qp-net/slow-print",
                     "#!/bin/sh\necho 'STATE: +toner-low,media-empty' >&2\nsleep 4\n", 0755);
     const auto restart = qpt::run({"/bin/bash", qpt::source_path("tests/net/netlab.sh"), "ipp", "-a",
@@ -198,7 +198,8 @@ TEST(NetStatus, StateReasonsAndSupplies) {
               "\"formats\":[\"application/octet-stream\",\"image/pwg-raster\",\"image/urf\"],\"supplies\":["
               "{\"name\":\"Black, toner\",\"type\":\"toner\",\"color\":\"#000000\",\"level\":7,\"low\":10,"
               "\"high\":100},{\"name\":\"Waste\",\"type\":\"waste-toner\",\"color\":\"none\",\"level\":60,"
-              "\"low\":0,\"high\":90}]}\n");
+              "\"low\":0,\"high\":90},{\"name\":\"Drum \\\"A\\\"\",\"type\":\"opc\",\"color\":\"none\",\"level\":null,"
+              "\"low\":5,\"high\":100}]}\n");
 
     qpt::write_file("/tmp/eve-slow.txt", "slow\n");
     ASSERT_EQ(QORAPrinterCupsPrintFile(kId, "/tmp/eve-slow.txt", "slow", 0), 0);
@@ -210,6 +211,7 @@ TEST(NetStatus, StateReasonsAndSupplies) {
     EXPECT_NE(busy.find("toner-low"), std::string::npos) << busy;
     EXPECT_NE(busy.find("media-empty"), std::string::npos) << busy;
     EXPECT_NE(busy.find("supply:    Black, toner (toner, #000000): 7 % (low)\n"), std::string::npos) << busy;
+    EXPECT_NE(busy.find("supply:    Drum \"A\" (opc, none): unknown\n"), std::string::npos) << busy;
 
     const struct { std::vector<std::string> args; int status; const char *out; } rows[] = {
         {{"10.123.0.2"}, 0, "formats:   application/octet-stream, application/postscript\ndriverless: no\n"},
