@@ -322,11 +322,17 @@ std::string joined(const std::vector<std::string> &v) {
     return out;
 }
 
-// Asks the printer; false (and st.problem) when it gave no IPP answer.
-bool ask(const std::string &host, Attrs &attrs, std::string &problem) {
+// Asks the printer; false (and problem) when it gave no IPP answer; a tool
+// that could not run sets tool_failed.
+bool ask(const std::string &host, Attrs &attrs, std::string &problem, bool &tool_failed) {
     const std::string uri = printer_uri(host);
     const ToolRun r = run_tool({kIpptool, "-T", "5", "-X", uri, "/dev/stdin"}, kRequest, kToolTimeoutMs);
     std::string code;
+    tool_failed = r.status < 0 && !r.timed_out;
+    if (tool_failed) {
+        problem = r.err.empty() ? std::string(kIpptool) + " did not run to its end" : r.err;
+        return false;
+    }
     if (r.timed_out) {
         problem = "no IPP answer from " + uri + " within " + std::to_string(kToolTimeoutMs / 1000) + " s";
         return false;
@@ -454,7 +460,7 @@ PrinterStatus query_status(const std::string &host) {
     st.address = host;
     st.uri = printer_uri(host);
     Attrs attrs;
-    st.ipp = ask(host, attrs, st.problem);
+    st.ipp = ask(host, attrs, st.problem, st.failed);
     if (st.ipp) fill_status(attrs, st);
     return st;
 }
@@ -507,8 +513,10 @@ DriverlessPpd::~DriverlessPpd() {
 void make_driverless_ppd(const std::string &host, DriverlessPpd &out) {
     PrinterStatus st;
     Attrs attrs;
-    if (!ask(host, attrs, out.problem)) {
-        out.no = true;
+    bool failed = false;
+    if (!ask(host, attrs, out.problem, failed)) {
+        out.no = !failed;
+        if (failed) return;
         out.problem = host + " does not speak IPP: " + out.problem;
         return;
     }
@@ -566,6 +574,10 @@ int net_status(const qpcli::Args &args) {
         return -1;
     }
     const PrinterStatus st = query_status(a[0]);
+    if (st.failed) {
+        fprintf(stderr, "net status: %s\n", st.problem.c_str());
+        return 1;
+    }
     print_status(st, json, stdout);
     return st.ipp ? 0 : kExitNo;
 }

@@ -41,6 +41,7 @@ struct Supply {
 struct PrinterStatus {
     std::string address, uri;
     bool ipp = false;     // the printer answered the request
+    bool failed = false;  // ipptool could not run (or was killed): no answer either way
     std::string problem;  // why not, or what an IPP printer lacks
     std::string make_and_model, state, message;
     std::vector<std::string> reasons, formats;

@@ -3,6 +3,7 @@
 // says over IPP, the library prints through the real scheduler and filters,
 // and the printer's spool shows what arrived.  Also the printer's status.
 #include <dirent.h>
+#include <stdio.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -226,6 +227,12 @@ TEST(NetStatus, StateReasonsAndSupplies) {
         EXPECT_EQ(res.status, r.status) << r.args[0] << res.err;
         EXPECT_NE(res.out.find(r.out), std::string::npos) << res.out;
     }
+    // Without ipptool there is no answer either way: a failure, not a "no".
+    ASSERT_EQ(rename("/usr/bin/ipptool", "/usr/bin/ipptool.away"), 0);
+    const auto gone = cli({"net", "status", kEve});
+    rename("/usr/bin/ipptool.away", "/usr/bin/ipptool");
+    EXPECT_EQ(gone.status, 1);
+    EXPECT_NE(gone.err.find("/usr/bin/ipptool: No such file or directory"), std::string::npos) << gone.err;
 }
 
 }  // namespace
