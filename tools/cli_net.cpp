@@ -6,6 +6,7 @@
 #include <string>
 
 #include "cli.hpp"
+#include "cli_ipp.hpp"
 #include "qoraprinter.h"
 
 namespace {
@@ -73,10 +74,26 @@ int net_configure(const Args &args) {
     qpcli::take_option(a, "--driver-brand", driverBrand);
     qpcli::take_option(a, "--ppd", ppd);
     qpcli::take_option(a, "--by", how);
-    if (a.size() != 1 || name.empty()) return qpcli::kBadArgs;
+    const bool driverless = qpcli::take_flag(a, "--driverless");
+    if (a.size() != 1 || name.empty() || (driverless && (given || !ppd.empty()))) return qpcli::kBadArgs;
     const std::string ip = a[0];
 
-    if (!given) {
+    qpipp::DriverlessPpd made;
+    if (driverless) {
+        // The printer describes itself over IPP; its queue prints to ipp://IP/ipp/print.
+        if (!qpipp::valid_host(ip) || ip.find(':') != std::string::npos) {
+            return qpcli::say(qpcli::kFailed, "net configure: '%s' is no IPv4 address or host name.", ip.c_str());
+        }
+        qpipp::make_driverless_ppd(ip, made);
+        if (!made.ok) {
+            return qpcli::say(made.no ? qpcli::kNo : qpcli::kFailed, "net configure: %s", made.problem.c_str());
+        }
+        backend = "ipp", qname = "ipp/print", ppd = made.path;
+        if (model.empty()) model = made.make_and_model;
+        if (brand.empty()) brand = model.substr(0, model.find(' '));
+        if (stringId.empty()) stringId = made.device_id;
+        if (driver.empty()) driver = "driverless";
+    } else if (!given) {
         PrinterNetInfo info;
         if (identify_by(how, ip, info) < 0) return qpcli::fail("net configure: identification");
         backend = info.szBackend;
@@ -169,10 +186,11 @@ const qpcli::Register kNet({
     cmd("net identify", "IP [--snmp|--bjnp|--mdns]",
         "Identify the printer at an address (0 identified, 3 not, 4 in part).", net_identify, kJson),
     cmd("net configure",
-        "IP --name QUEUE [--by snmp|bjnp|mdns] [--backend B] [--qname Q] [--brand B] [--model M] "
-        "[--string-id S] [--driver D] [--driver-brand DB] [--ppd FILE]",
-        "Register a network printer: nptab line, printer.conf section and queue; prints its ID.", net_configure,
-        kJson),
+        "IP --name QUEUE [--driverless | --by snmp|bjnp|mdns] [--backend B] [--qname Q] [--brand B] "
+        "[--model M] [--string-id S] [--driver D] [--driver-brand DB] [--ppd FILE]",
+        "Register a network printer: nptab line, printer.conf section and queue; prints its ID "
+        "(--driverless: PPD made from the printer's IPP attributes; 3 it does not print driverless).",
+        net_configure, kJson),
     cmd("net check", "IP [QUEUE]",
         "Does a queue (this queue) print to the address? (0 yes, 3 no or no such queue, 4 elsewhere)", net_check,
         kJson),

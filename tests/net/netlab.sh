@@ -4,7 +4,9 @@
 # writes /etc/snmp, /etc/avahi and moves tools aside, all of which vanish
 # with the sandbox.
 #
-#   netlab.sh up [snmp] [bjnp] [avahi] [replay]   (no component: all)
+#   netlab.sh up [snmp] [bjnp] [avahi] [replay] [ipp]   (no component: all but ipp)
+#   netlab.sh ipp [OPTION...]   (re)start the IPP printers; OPTIONs go to the
+#                               one at 10.123.0.8 (e.g. -a ATTRIBUTES-FILE)
 #   netlab.sh down
 #
 # Layout: this namespace is the client (veth-c, 10.123.0.1/24); the
@@ -18,6 +20,10 @@
 #   10.123.0.6  SNMP agent: 10,000 objects, device ID among the first;
 #               mDNS qp-half (ipp 631 without usb_MDL)
 #   10.123.0.7  SNMP agent with another community
+#   10.123.0.8  IPP Everywhere printer "ACME Eve 1" (ippeveprinter, port 631,
+#               ipp/print), announced by mDNS as qp-eve.local; keeps
+#               every document it receives in /tmp/qp-net/eve (component ipp)
+#   10.123.0.2  with ipp: also an IPP printer on 631 that takes PostScript only
 #   10.123.0.9  nobody (no host answers)
 # "replay" installs stand-ins over snmpwalk, ping, the BJNP backend and
 # avahi-browse that print a recorded output when a test left one in
@@ -165,12 +171,14 @@ dbus-daemon --system --fork
 for i in \$(seq 100); do [ -S /run/dbus/system_bus_socket ] && break; sleep 0.05; done
 $LAB/qp-prn-avahid -f $LAB/avahi-prn.conf --no-drop-root --no-chroot --no-rlimits -D
 for i in \$(seq 100); do [ -S /run/avahi-daemon/socket ] && break; sleep 0.05; done
+cat /run/avahi-daemon/pid > $LAB/avahi-prn.pid || true
 pub() { setsid avahi-publish "\$@" </dev/null >/dev/null 2>&1 & }
 pub -a -R qp-office.local 10.123.0.2
 pub -a -R qp-basement.local 10.123.0.3
 pub -a -R qp-web.local 10.123.0.4
 pub -a -R qp-odd.local 10.123.0.5
 pub -a -R qp-half.local 10.123.0.6
+pub -a -R qp-eve.local 10.123.0.8
 pub -s -H qp-office.local Office _ipp._tcp 631 usb_MFG=ACME usb_MDL=X1 usb_CMD=PCL
 pub -s -H qp-office.local "Office raw" _pdl-datastream._tcp 9100 usb_MFG=ACME usb_MDL=X1 usb_CMD=PCL,PJL
 pub -s -H qp-basement.local Basement _printer._tcp 515 usb_MFG=Bolt usb_MDL=B-200 usb_CMD=PS
@@ -180,6 +188,49 @@ pub -s -H qp-half.local Half _ipp._tcp 631 usb_MFG=Half usb_CMD=PCL
 sleep 0.5
 EOF
     ip netns exec $NS /bin/bash $LAB/avahi-prn.sh
+}
+
+# IPP printers (ippeveprinter) in the printers' mount namespace, where the
+# D-Bus and avahi-daemon it needs at start are.  Each one binds only the
+# addresses its host name has in /etc/hosts (an IPv6 one too: it refuses to
+# start without an IPv6 listener).  Its own DNS-SD registration would name
+# the daemon's host, whose address is any of the namespace's: the IPP
+# Everywhere printer is announced by avahi-publish instead, with the TXT
+# keys such a printer has.
+ipp_start() {  # tag host v4 v6 options...
+    local tag=$1 host=$2 v4=$3 v6=$4 pid
+    shift 4
+    if [ -s $LAB/ipp-$tag.pid ]; then
+        kill "$(cat $LAB/ipp-$tag.pid)" 2>/dev/null || true
+        wait_for 5 sh -c "! ip netns exec $NS ss -Hltn 'src $v4:631' | grep -q ."
+    fi
+    ip -n $NS addr show dev veth-p | grep -q " $v6/" || ip -n $NS addr add $v6/64 dev veth-p nodad
+    grep -q " $host\$" /etc/hosts || printf '%s %s\n%s %s\n' $v4 $host $v6 $host >> /etc/hosts
+    mkdir -p $LAB/$tag
+    pid=$(cat $LAB/avahi-prn.pid)
+    DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket \
+        nsenter -t "$pid" -m -n -r -w /usr/sbin/ippeveprinter -p 631 -n $host -r off -d $LAB/$tag -k "$@" \
+        </dev/null >$LAB/ipp-$tag.log 2>&1 &
+    echo $! > $LAB/ipp-$tag.pid
+    wait_for 5 sh -c "ip netns exec $NS ss -Hltn 'src $v4:631' | grep -q ." \
+        || { log "ippeveprinter $tag did not come up: $(cat $LAB/ipp-$tag.log)"; return 1; }
+}
+
+ipp_up() {  # options for the IPP Everywhere printer
+    [ -s $LAB/avahi-prn.pid ] || { avahi_client_up; avahi_up; }
+    ip -n $NS addr show dev veth-p | grep -q ' 10.123.0.8/' || ip -n $NS addr add 10.123.0.8/24 dev veth-p
+    # Each document is taken at once (/bin/true), not after the simulated
+    # 5-15 s of printing ippeveprinter spends without a command.
+    [ $# -gt 0 ] || set -- -M ACME -m "Eve 1" -c /bin/true
+    if [ ! -s $LAB/ipp-mdns.pid ]; then
+        DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket \
+            nsenter -t "$(cat $LAB/avahi-prn.pid)" -m -n -r -w setsid avahi-publish -s -H qp-eve.local "ACME Eve" \
+            _ipp._tcp 631 txtvers=1 rp=ipp/print "ty=ACME Eve 1" pdl=image/pwg-raster,image/urf \
+            usb_MFG=ACME "usb_MDL=Eve 1" usb_CMD=PWG,URF </dev/null >/dev/null 2>&1 &
+        echo $! > $LAB/ipp-mdns.pid
+    fi
+    ipp_start eve qp-eve.local 10.123.0.8 fd00:123::8 "$@" "ACME Eve" &&
+        ipp_start old qp-office.local 10.123.0.2 fd00:123::2 -M ACME -m X1 -f application/postscript -c /bin/true "ACME X1"
 }
 
 # The client's D-Bus, and the configuration its avahi-daemon reads when the
@@ -233,9 +284,14 @@ up)
         bjnp) bjnp_up ;;
         avahi) avahi_client_up; avahi_up ;;
         replay) replay_up ;;
+        ipp) ipp_up ;;
         *) log "unknown component $c"; exit 2 ;;
         esac
     done
+    ;;
+ipp)
+    shift
+    ipp_up "$@"
     ;;
 down)
     for f in $LAB/*.pid; do [ -f "$f" ] && kill "$(cat "$f")" 2>/dev/null || true; done
@@ -244,7 +300,7 @@ down)
     ip netns del $NS 2>/dev/null || true
     ;;
 *)
-    echo "usage: netlab.sh up [snmp] [bjnp] [avahi] [replay] | down" >&2
+    echo "usage: netlab.sh up [snmp] [bjnp] [avahi] [replay] [ipp] | ipp [OPTION...] | down" >&2
     exit 2
     ;;
 esac

@@ -1,0 +1,238 @@
+// Driverless printing, end to end: the command configures the simulated IPP
+// Everywhere printer of netlab.sh (ippeveprinter at 10.123.0.8) from what it
+// says over IPP, the library prints through the real scheduler and filters,
+// and the printer's spool shows what arrived.  Also the printer's status.
+#include <dirent.h>
+#include <stdio.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "cupsd_fixture.hpp"
+#include "net_lab.hpp"
+#include "qoraprinter.h"
+#include "qp_test.hpp"
+
+namespace {
+
+constexpr const char *kEve = "10.123.0.8";
+constexpr const char *kId = "10.123.0.8-Eve";
+const std::string kSpool = "/tmp/qp-net/eve/";
+
+qpt::RunResult cli(std::vector<std::string> args) {
+    args.insert(args.begin(), qpt::bin_path("qoraprinter"));
+    return qpt::run(args);
+}
+
+// The documents received (N-TITLE.EXT; N-TITLE.prn is what the printer's
+// print command wrote).
+std::vector<std::string> spool() {
+    std::vector<std::string> names;
+    if (DIR *d = opendir(kSpool.c_str())) {
+        while (dirent *e = readdir(d)) {
+            const std::string name = e->d_name;
+            if (name[0] != '.' && !name.ends_with(".prn")) names.push_back(name);
+        }
+        closedir(d);
+    }
+    return names;
+}
+
+// A one-page PDF with a line of text, its cross-reference table exact.
+std::string small_pdf() {
+    const char *objs[] = {
+        "<< /Type /Catalog /Pages 2 0 R >>",
+        "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+        ("<< /Type /Page /Parent 2 0 R /MediaBox [0 0 595 842] /Contents 4 0 R "
+         "/Resources << /Font << /F1 5 0 R >> >> >>"),
+        "<< /Length 44 >>\nstream\nBT /F1 24 Tf 72 720 Td (Driverless) Tj ET\nendstream",
+        "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>",
+    };
+    std::string pdf = "%PDF-1.4\n", xref = "xref\n0 6\n0000000000 65535 f \n";
+    for (int i = 0; i < 5; ++i) {
+        char off[24];
+        snprintf(off, sizeof off, "%010zu 00000 n \n", pdf.size());
+        xref += off;
+        pdf += std::to_string(i + 1) + " 0 obj\n" + objs[i] + "\nendobj\n";
+    }
+    const size_t start = pdf.size();
+    return pdf + xref + "trailer\n<< /Size 6 /Root 1 0 R >>\nstartxref\n" + std::to_string(start) + "\n%%EOF\n";
+}
+
+// Waits (bounded) until the library says the job has left the queue.
+bool left_queue(const std::string &job) {
+    for (int i = 0; i < 120; ++i) {
+        if (QORAPrinterCupsJobWaitComplete(kId, job.c_str()) == 0) return true;
+        usleep(250000);
+    }
+    return false;
+}
+
+// Prints with fn and answers the new job's number ("" if none appeared).
+template <class F>
+std::string submit(F &&fn) {
+    const auto before = qpcups::Cupsd::jobs("Eve");
+    if (fn() != 0) return "";
+    const auto after = qpcups::Cupsd::jobs("Eve");
+    for (const auto &j : after) {
+        if (std::find(before.begin(), before.end(), j) == before.end()) return j;
+    }
+    return "";
+}
+
+qpcups::Cupsd *g_cupsd = nullptr;
+
+class Lab : public ::testing::Environment {
+public:
+    void SetUp() override {
+        ASSERT_TRUE(qpnet::lab_up({"ipp"}));
+        g_cupsd = new qpcups::Cupsd;
+        ASSERT_TRUE(g_cupsd->start());
+    }
+    void TearDown() override { delete g_cupsd; }
+};
+::testing::Environment *const kLab = ::testing::AddGlobalTestEnvironment(new Lab);
+
+// Printers that cannot be configured driverlessly: a clear "no" (exit 3)
+// naming what is missing, and nothing registered.
+TEST(Driverless, RefusesWhatIsNotIppEverywhere) {
+    const struct { std::vector<std::string> args; int status; const char *err; } rows[] = {
+        {{"10.123.0.2"}, 3, "no IPP Everywhere printer: it takes none of the driverless formats image/pwg-raster, "
+                            "image/urf, application/PCLm, application/pdf (it takes: application/octet-stream, "
+                            "application/postscript)"},
+        {{"10.123.0.3"}, 3, "10.123.0.3 does not speak IPP: no IPP answer from ipp://10.123.0.3/ipp/print"},
+        {{"-T"}, 1, "'-T' is no IPv4 address or host name"},
+        {{"10.123.0.8", "--ppd", "/etc/passwd"}, 2, "usage:"},
+    };
+    for (const auto &r : rows) {
+        std::vector<std::string> args = {"net", "configure", "--name", "No", "--driverless"};
+        args.insert(args.end(), r.args.begin(), r.args.end());
+        const auto res = cli(args);
+        EXPECT_EQ(res.status, r.status) << r.args[0] << res.err;
+        EXPECT_NE(res.err.find(r.err), std::string::npos) << res.err;
+    }
+    EXPECT_FALSE(qpcups::Cupsd::has_queue("No"));
+    EXPECT_EQ(qpt::read_file("/usr/qora/etc/nptab").find("No"), std::string::npos);
+}
+
+TEST(Driverless, ConfiguredQueueDeliversEveryJob) {
+    const auto conf = cli({"net", "configure", kEve, "--name", "Eve", "--driverless"});
+    ASSERT_EQ(conf.status, 0) << conf.err;
+    EXPECT_EQ(conf.out, std::string(kId) + "\n");
+    EXPECT_EQ(qpt::read_file("/usr/qora/etc/nptab"), "10.123.0.8=\"Eve\"\n");
+    EXPECT_EQ(qpcups::Cupsd::uri_of("Eve"), "ipp://10.123.0.8/ipp/print");
+    const std::string section = cli({"conf", "show", kId}).out;
+    for (const char *line : {"\tBackend = ipp\n", "\tModel = ACME Eve 1\n", "\tdriver = driverless\n"})
+        EXPECT_NE(section.find(line), std::string::npos) << section;
+    const std::string ppd = qpt::read_file("/etc/cups/ppd/Eve.ppd");
+    EXPECT_NE(ppd.find("*NickName: \"ACME Eve 1, driverless"), std::string::npos) << ppd.substr(0, 400);
+    EXPECT_TRUE(spool().empty());
+
+    qpt::write_file("/tmp/eve-doc.pdf", small_pdf());
+    qpt::write_file("/tmp/eve-doc.txt", "A line of text.\nAnother line.\n");
+    const std::string jobs[] = {
+        submit([] { return QORAPrinterCupsPrintFile(kId, "/tmp/eve-doc.pdf", "pdf", 0); }),
+        submit([] { return QORAPrinterCupsPrintFile(kId, "/tmp/eve-doc.txt", "text", 0); }),
+        submit([] { return QORAPrinterCupsPrintTestPage(kId); }),
+    };
+    for (const auto &j : jobs) {
+        ASSERT_FALSE(j.empty());
+        EXPECT_TRUE(left_queue(j)) << "job " << j << "\n" << qpcups::Cupsd::lpq("Eve");
+    }
+    EXPECT_TRUE(qpcups::Cupsd::jobs("Eve").empty());
+
+    // One document per job, in a raster format the printer announced
+    // (Apple or PWG raster), of a plausible size for a page.
+    auto names = spool();
+    std::sort(names.begin(), names.end());
+    std::string listing;
+    for (const auto &n : names) listing += n + " ";
+    ASSERT_EQ(names.size(), 3u) << listing;
+    for (size_t i = 0; i < names.size(); ++i) {
+        EXPECT_EQ(names[i].substr(0, names[i].find('-')), jobs[i]);
+        const std::string doc = qpt::read_file(kSpool + names[i]);
+        EXPECT_TRUE(doc.compare(0, 8, std::string("UNIRAST\0", 8)) == 0 || doc.compare(0, 4, "RaS2") == 0) << names[i];
+        EXPECT_GT(doc.size(), 2000u) << names[i];
+        EXPECT_LT(doc.size(), 50u << 20) << names[i];
+    }
+
+    // A stopped queue keeps its job; enabled, it delivers it.
+    ASSERT_EQ(QORAPrinterCupsPrinterEnable("Eve", 0), 0);
+    const std::string held = submit([] { return QORAPrinterCupsPrintFile(kId, "/tmp/eve-doc.txt", "held", 0); });
+    ASSERT_FALSE(held.empty());
+    sleep(2);
+    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId, held.c_str()), 1);
+    EXPECT_EQ(spool().size(), 3u);
+    ASSERT_EQ(QORAPrinterCupsPrinterEnable("Eve", 1), 0);
+    EXPECT_TRUE(left_queue(held));
+    EXPECT_EQ(spool().size(), 4u);
+}
+
+// State, reasons and supplies as the printer reports them: its attributes
+// file sets the markers; a document it is printing makes it "processing",
+// with the reasons its print command reports (through the queue Eve that
+// the test before configured).
+TEST(NetStatus, StateReasonsAndSupplies) {
+    qpt::write_file("/tmp/qp-net/eve.attrs",
+                    "ATTR textWithoutLanguage printer-make-and-model \"ACME Eve 2\"\n"
+                    "ATTR name marker-names \"Black, toner\",Waste,\"Drum \\\"A\\\"\"\n"
+                    "ATTR keyword marker-types toner,waste-toner,opc\n"
+                    "ATTR name marker-colors \"#000000\",none,none\n"
+                    "ATTR integer marker-levels 7,60,-3\n"
+                    "ATTR integer marker-low-levels 10,0,5\n"
+                    "ATTR integer marker-high-levels 100,90,100\n");
+    qpt::write_file("/tmp/qp-net/slow-print",
+                    "#!/bin/sh\necho 'STATE: +toner-low,media-empty' >&2\nsleep 4\n", 0755);
+    const auto restart = qpt::run({"/bin/bash", qpt::source_path("tests/net/netlab.sh"), "ipp", "-a",
+                                   "/tmp/qp-net/eve.attrs", "-c", "/tmp/qp-net/slow-print"});
+    ASSERT_EQ(restart.status, 0) << restart.err;
+
+    const auto idle = cli({"net", "status", kEve, "--json"});
+    EXPECT_EQ(idle.status, 0) << idle.err;
+    EXPECT_EQ(idle.out,
+              "{\"address\":\"10.123.0.8\",\"uri\":\"ipp://10.123.0.8/ipp/print\",\"ipp\":true,"
+              "\"make_and_model\":\"ACME Eve 2\",\"state\":\"idle\",\"reasons\":[],\"message\":\"Idle.\","
+              "\"accepting\":true,\"driverless\":true,"
+              "\"formats\":[\"application/octet-stream\",\"image/pwg-raster\",\"image/urf\"],\"supplies\":["
+              "{\"name\":\"Black, toner\",\"type\":\"toner\",\"color\":\"#000000\",\"level\":7,\"low\":10,"
+              "\"high\":100},{\"name\":\"Waste\",\"type\":\"waste-toner\",\"color\":\"none\",\"level\":60,"
+              "\"low\":0,\"high\":90},{\"name\":\"Drum \\\"A\\\"\",\"type\":\"opc\",\"color\":\"none\",\"level\":null,"
+              "\"low\":5,\"high\":100}]}\n");
+
+    qpt::write_file("/tmp/eve-slow.txt", "slow\n");
+    ASSERT_EQ(QORAPrinterCupsPrintFile(kId, "/tmp/eve-slow.txt", "slow", 0), 0);
+    std::string busy;
+    EXPECT_TRUE(qpt::wait_until([&] {
+        busy = cli({"net", "status", kEve}).out;
+        return busy.find("state:     processing (") != std::string::npos;
+    }, 20000)) << busy;
+    EXPECT_NE(busy.find("toner-low"), std::string::npos) << busy;
+    EXPECT_NE(busy.find("media-empty"), std::string::npos) << busy;
+    EXPECT_NE(busy.find("supply:    Black, toner (toner, #000000): 7 % (low)\n"), std::string::npos) << busy;
+    EXPECT_NE(busy.find("supply:    Drum \"A\" (opc, none): unknown\n"), std::string::npos) << busy;
+
+    const struct { std::vector<std::string> args; int status; const char *out; } rows[] = {
+        {{"10.123.0.2"}, 0, "formats:   application/octet-stream, application/postscript\ndriverless: no\n"},
+        {{"10.123.0.3"}, 3, "10.123.0.3 does not speak IPP: no IPP answer from ipp://10.123.0.3/ipp/print ("},
+        {{"10.123.0.3", "--json"}, 3, "\"uri\":\"ipp://10.123.0.3/ipp/print\",\"ipp\":false,\"problem\":\"no IPP"},
+        {{"--x"}, 2, ""},
+    };
+    for (const auto &r : rows) {
+        std::vector<std::string> args = {"net", "status"};
+        args.insert(args.end(), r.args.begin(), r.args.end());
+        const auto res = cli(args);
+        EXPECT_EQ(res.status, r.status) << r.args[0] << res.err;
+        EXPECT_NE(res.out.find(r.out), std::string::npos) << res.out;
+    }
+    // Without ipptool there is no answer either way: a failure, not a "no".
+    ASSERT_EQ(rename("/usr/bin/ipptool", "/usr/bin/ipptool.away"), 0);
+    const auto gone = cli({"net", "status", kEve});
+    rename("/usr/bin/ipptool.away", "/usr/bin/ipptool");
+    EXPECT_EQ(gone.status, 1);
+    EXPECT_NE(gone.err.find("/usr/bin/ipptool: No such file or directory"), std::string::npos) << gone.err;
+}
+
+}  // namespace
