@@ -54,8 +54,9 @@ install(FILES ${CMAKE_BINARY_DIR}/qoraprinter.pc DESTINATION ${CMAKE_INSTALL_LIB
 # Under the prefix that udev and systemd were built for, their own
 # directories; elsewhere the same layout below the prefix.
 find_package(PkgConfig QUIET)
-set(QP_UDEV_DEFAULT ${CMAKE_INSTALL_PREFIX}/lib/udev/rules.d)
-set(QP_UNIT_DEFAULT ${CMAKE_INSTALL_PREFIX}/lib/systemd/system)
+# Relative defaults follow `cmake --install --prefix`.
+set(QP_UDEV_DEFAULT lib/udev/rules.d)
+set(QP_UNIT_DEFAULT lib/systemd/system)
 if(PKG_CONFIG_FOUND)
   pkg_get_variable(QP_SYSTEMD_PREFIX systemd prefix)
   if(QP_SYSTEMD_PREFIX STREQUAL CMAKE_INSTALL_PREFIX)
@@ -72,8 +73,8 @@ if(PKG_CONFIG_FOUND)
     endif()
   endif()
 endif()
-set(QP_UDEV_RULES_DIR ${QP_UDEV_DEFAULT} CACHE PATH "Where the udev rule is installed")
-set(QP_SYSTEMD_UNIT_DIR ${QP_UNIT_DEFAULT} CACHE PATH "Where the systemd units are installed")
+set(QP_UDEV_RULES_DIR ${QP_UDEV_DEFAULT} CACHE STRING "Where the udev rule is installed (relative: below the prefix)")
+set(QP_SYSTEMD_UNIT_DIR ${QP_UNIT_DEFAULT} CACHE STRING "Where the systemd units are installed (relative: below the prefix)")
 find_program(QP_SYSTEMCTL systemctl PATHS /usr/bin /bin NO_DEFAULT_PATH)
 find_program(QP_SYSTEMD_ESCAPE systemd-escape PATHS /usr/bin /bin NO_DEFAULT_PATH)
 if(NOT QP_SYSTEMCTL)

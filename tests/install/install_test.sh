@@ -4,9 +4,13 @@ set -euo pipefail
 build=$1 work=$2 cmake=$3 cc=$4
 src=$(cd "$(dirname "$0")" && pwd)
 rm -rf "$work" && mkdir -p "$work"
-prefix=$work/prefix
-
-"$cmake" --install "$build" --prefix "$prefix" >/dev/null
+# Staged under DESTDIR, so that a destination that ignored the prefix shows
+# up below the stage instead of landing on the machine.
+stage=$work/stage
+prefix=$stage/opt/qp
+DESTDIR=$stage "$cmake" --install "$build" --prefix /opt/qp >/dev/null
+outside=$(find "$stage" -type f -not -path "$prefix/*")
+[ -z "$outside" ] || { echo "installed outside the prefix: $outside"; exit 1; }
 lib=$(find "$prefix" -name libqoraprinter.so -printf '%h\n')
 
 # pkg-config: no LD_LIBRARY_PATH or -rpath-link at link time; the stand-ins
@@ -41,8 +45,8 @@ if "$cmake" -S "$work/app7" -B "$work/app7/build" -DCMAKE_PREFIX_PATH="$prefix" 
 fi
 
 # Hot-plug: the rule starts the units by their installed names, and each
-# unit passes systemd-analyze verify once the command exists where the units
-# say it is (a DESTDIR install keeps the configured paths).
+# unit passes systemd-analyze verify (a DESTDIR install keeps the configured
+# paths, so the command is where the units say it is below the stage).
 rules=$(find "$prefix" -name 99-qoraprinter.rules)
 attach=$(find "$prefix" -name 'qoraprinter-attach@.service')
 grep -q -- '--template=qoraprinter-attach@.service' "$rules"
@@ -54,11 +58,10 @@ DESTDIR=$work/root "$cmake" --install "$build" >/dev/null
 unitdir=$(dirname "$(find "$work/root" -name 'qoraprinter-attach@.service')")
 bin=$(sed -n 's/^ExecStart=\([^ ]*\).*/\1/p' "$attach")
 [ -x "$work/root$bin" ] || { echo "ExecStart names $bin, not installed there"; exit 1; }
+# Verified as installed, with only the command's path moved into the stage.
 mkdir -p "$work/units"
-cp "$unitdir"/qoraprinter-*@.service "$work/units/"
 inst=$(systemd-escape --template=qoraprinter-attach@.service 'lp0 1-1.2')
-cp "$work/units/qoraprinter-attach@.service" "$work/units/$inst"
-cp "$work/units/qoraprinter-detach@.service" "$work/units/qoraprinter-detach@lp0.service"
-systemd-analyze verify --man=no --root="$work/root" "$work/units/$inst" \
-    "$work/units/qoraprinter-detach@lp0.service"
+sed "s#=$bin #=$work/root$bin #" "$unitdir/qoraprinter-attach@.service" > "$work/units/$inst"
+sed "s#=$bin #=$work/root$bin #" "$unitdir/qoraprinter-detach@.service" > "$work/units/qoraprinter-detach@lp0.service"
+systemd-analyze verify --man=no "$work/units/$inst" "$work/units/qoraprinter-detach@lp0.service"
 echo "install, pkg-config and CMake consumers, units: ok"
