@@ -22,10 +22,12 @@ else()
   # compiler and loader look anyway: the exported target names the core
   # library by name and keeps the others private to the build.
   set_property(TARGET qoraprinter PROPERTY INTERFACE_LINK_LIBRARIES
-               $<BUILD_INTERFACE:qoracore> $<INSTALL_INTERFACE:qoracore>)
+               $<BUILD_INTERFACE:qoracore> $<INSTALL_INTERFACE:-lqoracore>)
+  # Linked by name from the build's library directory, not by target, so
+  # that the export does not ask for the stand-ins' own imported targets.
   set_property(TARGET qoraprinter PROPERTY LINK_LIBRARIES
-               $<BUILD_INTERFACE:qoracore> $<BUILD_INTERFACE:qorasdk>
-               $<BUILD_INTERFACE:qorausb> $<BUILD_INTERFACE:qoraprintergpl>)
+               -L${CMAKE_LIBRARY_OUTPUT_DIRECTORY} -lqoracore -lqorasdk -lqorausb -lqoraprintergpl)
+  add_dependencies(qoraprinter ${QP_PLATFORM_LIBS})
 endif()
 install(TARGETS qoraprinter EXPORT qoraprinterTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
