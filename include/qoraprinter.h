@@ -342,7 +342,7 @@ QORAPRINTER_API int QORAPrinterCupsRmByName(const char *szCupsPrinterName);
  */
 QORAPRINTER_API int QORAPrinterNetCupsRm(const char *szPrinterId);
 /*
- * Removes every USB printer queue ("usb:" device URIs) from
+ * Removes the USB printer queues (usbprinter, usbprinter1, usbprinter2) from
  * /etc/cups/printers.conf by rewriting the file; only while cupsd is stopped.
  * A missing file is no failure.
  * Returns 0 or -1.  Errors: 0xD000 (cupsd running, logged), 0x0900 (a file
@@ -378,8 +378,8 @@ QORAPRINTER_API int QORAPrinterCupsPrintTestPage(const char *szPrinterId);
  */
 QORAPRINTER_API int QORAPrinterCupsJobWaitComplete(const char *szPrinterId, const char *szJobId);
 /*
- * Cancels every job (lprm -, a failure only logged) and empties the spool
- * directory /var/services/printer.
+ * Cancels every job (lprm all; a failure is only logged) and removes the
+ * files of the spool directory /var/services/printer.
  * Returns 0 or -1 (the removal failed; logged with the run's code).
  */
 QORAPRINTER_API int QORAPrinterCleanSpool(void);
@@ -424,19 +424,19 @@ QORAPRINTER_API int QORAPrinterNetGetStringId(const char *szIP, char *szOutBuf, 
  * (iQNameSize bytes).
  * Returns 0 (found), 1 (no URI in the walk), -1 (failure, or a scheme not in
  * that list: logged).
- * Errors: 0x0D00 (a NULL or empty argument or a size not positive; logged),
- * 0x0200 (out of memory), the code of a tool that could not be started.
+ * Errors: 0x0D00 (a NULL argument; logged), 0x0200 (out of memory), the code
+ * of a tool that could not be started.
  */
 QORAPRINTER_API int QORAPrinterNetGetStringBackend(const char *szIP, char *szBackend, int iBackendSize,
                                                    char *szQName, int iQNameSize);
 /*
  * Identifies the printer at szIP over SNMP: backend and queue
  * (QORAPrinterNetGetStringBackend()), device ID string
- * (QORAPrinterNetGetStringId()), maker and model from it; fills
- * pNPInfo->szBackend, szQName, szStringId, szVendor and szModel.
+ * (QORAPrinterNetGetStringId()), maker and model from it; clears *pNPInfo,
+ * then fills szBackend, szQName, szStringId, szVendor and szModel.
  * Returns 0, or -1 at the first step that fails (logged with the lower
- * code; fields already filled keep their values).  Errors: 0x0D00 (NULL or
- * empty szIP, NULL pNPInfo), or as the failing step left it.
+ * code; fields already filled keep their values).  Errors: 0x0D00 (NULL szIP or
+ * pNPInfo), or as the failing step left it.
  */
 QORAPRINTER_API int QORAPrinterNetInfoGetByIP(const char *szIP, PrinterNetInfo *pNPInfo);
 /*
