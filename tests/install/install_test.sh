@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# install_test.sh BUILD_DIR WORK_DIR CMAKE CC
+# install_test.sh BUILD_DIR WORK_DIR CMAKE CC [CALLER_FLAGS]
 set -euo pipefail
 build=$1 work=$2 cmake=$3 cc=$4
+read -ra extra <<<"${5:-}"
 src=$(cd "$(dirname "$0")" && pwd)
 rm -rf "$work" && mkdir -p "$work"
 # Staged under DESTDIR, so that a destination that ignored the prefix shows
@@ -17,7 +18,7 @@ lib=$(find "$prefix" -name libqoraprinter.so -printf '%h\n')
 # that the library needs are found through its RUNPATH.
 export PKG_CONFIG_PATH=$lib/pkgconfig
 read -ra flags < <(pkg-config --cflags --libs qoraprinter)
-"$cc" -std=c99 -Wall -Werror "$src/caller.c" -o "$work/caller-pc" "${flags[@]}"
+"$cc" -std=c99 -Wall -Werror "${extra[@]}" "$src/caller.c" -o "$work/caller-pc" "${flags[@]}"
 out=$(LD_LIBRARY_PATH=$lib "$work/caller-pc")
 [ "$out" = "Laser 100" ] || { echo "pkg-config caller printed '$out'"; exit 1; }
 
@@ -32,7 +33,7 @@ add_executable(caller caller.c)
 target_link_libraries(caller PRIVATE qoraprinter::qoraprinter)
 CM
 "$cmake" -S "$work/app" -B "$work/app/build" -DCMAKE_C_COMPILER="$cc" \
-    -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+    -DCMAKE_C_FLAGS="${5:-}" -DCMAKE_EXE_LINKER_FLAGS="${5:-}" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 "$cmake" --build "$work/app/build" >/dev/null
 out=$("$work/app/build/caller")
 [ "$out" = "Laser 100" ] || { echo "CMake caller printed '$out'"; exit 1; }
