@@ -1,0 +1,68 @@
+#!/usr/bin/env bash
+# install_test.sh BUILD_DIR WORK_DIR CMAKE CC [CALLER_FLAGS]
+set -euo pipefail
+build=$1 work=$2 cmake=$3 cc=$4
+read -ra extra <<<"${5:-}"
+src=$(cd "$(dirname "$0")" && pwd)
+rm -rf "$work" && mkdir -p "$work"
+# Staged under DESTDIR, so that a destination that ignored the prefix shows
+# up below the stage instead of landing on the machine.
+stage=$work/stage
+prefix=$stage/opt/qp
+DESTDIR=$stage "$cmake" --install "$build" --prefix /opt/qp >/dev/null
+outside=$(find "$stage" -type f -not -path "$prefix/*")
+[ -z "$outside" ] || { echo "installed outside the prefix: $outside"; exit 1; }
+lib=$(find "$prefix" -name libqoraprinter.so -printf '%h\n')
+
+# pkg-config: no LD_LIBRARY_PATH or -rpath-link at link time; the stand-ins
+# that the library needs are found through its RUNPATH.
+export PKG_CONFIG_PATH=$lib/pkgconfig
+read -ra flags < <(pkg-config --cflags --libs qoraprinter)
+"$cc" -std=c99 -Wall -Werror "${extra[@]}" "$src/caller.c" -o "$work/caller-pc" "${flags[@]}"
+out=$(LD_LIBRARY_PATH=$lib "$work/caller-pc")
+[ "$out" = "Laser 100" ] || { echo "pkg-config caller printed '$out'"; exit 1; }
+
+# CMake package: find_package in CONFIG mode, version checked.
+mkdir -p "$work/app"
+cp "$src/caller.c" "$work/app/"
+cat > "$work/app/CMakeLists.txt" <<'CM'
+cmake_minimum_required(VERSION 3.22)
+project(caller C)
+find_package(qoraprinter 6 CONFIG REQUIRED)
+add_executable(caller caller.c)
+target_link_libraries(caller PRIVATE qoraprinter::qoraprinter)
+CM
+"$cmake" -S "$work/app" -B "$work/app/build" -DCMAKE_C_COMPILER="$cc" \
+    -DCMAKE_C_FLAGS="${5:-}" -DCMAKE_EXE_LINKER_FLAGS="${5:-}" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+"$cmake" --build "$work/app/build" >/dev/null
+out=$("$work/app/build/caller")
+[ "$out" = "Laser 100" ] || { echo "CMake caller printed '$out'"; exit 1; }
+# A major version the package does not offer is refused.
+mkdir -p "$work/app7"
+sed 's/find_package(qoraprinter 6/find_package(qoraprinter 7/' "$work/app/CMakeLists.txt" > "$work/app7/CMakeLists.txt"
+cp "$src/caller.c" "$work/app7/"
+if "$cmake" -S "$work/app7" -B "$work/app7/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null 2>&1; then
+    echo "find_package(qoraprinter 7) accepted version 6"; exit 1
+fi
+
+# Hot-plug: the rule starts the units by their installed names, and each
+# unit passes systemd-analyze verify (a DESTDIR install keeps the configured
+# paths, so the command is where the units say it is below the stage).
+rules=$(find "$prefix" -name 99-qoraprinter.rules)
+attach=$(find "$prefix" -name 'qoraprinter-attach@.service')
+grep -q -- '--template=qoraprinter-attach@.service' "$rules"
+grep -q 'start qoraprinter-detach@%k.service' "$rules"
+if ! command -v systemd-analyze >/dev/null; then
+    echo "systemd-analyze missing: units not verified"; exit 77
+fi
+DESTDIR=$work/root "$cmake" --install "$build" >/dev/null
+unitdir=$(dirname "$(find "$work/root" -name 'qoraprinter-attach@.service')")
+bin=$(sed -n 's/^ExecStart=\([^ ]*\).*/\1/p' "$attach")
+[ -x "$work/root$bin" ] || { echo "ExecStart names $bin, not installed there"; exit 1; }
+# Verified as installed, with only the command's path moved into the stage.
+mkdir -p "$work/units"
+inst=$(systemd-escape --template=qoraprinter-attach@.service 'lp0 1-1.2')
+sed "s#=$bin #=$work/root$bin #" "$unitdir/qoraprinter-attach@.service" > "$work/units/$inst"
+sed "s#=$bin #=$work/root$bin #" "$unitdir/qoraprinter-detach@.service" > "$work/units/qoraprinter-detach@lp0.service"
+systemd-analyze verify --man=no "$work/units/$inst" "$work/units/qoraprinter-detach@lp0.service"
+echo "install, pkg-config and CMake consumers, units: ok"
