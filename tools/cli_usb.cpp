@@ -1,8 +1,12 @@
 // qoraprinter subcommands for USB printers (attach, detach, device access),
 // the printer list, the print share, the network printer table and USB/IP.
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "cli.hpp"
 #include "qoracore.h"
@@ -17,10 +21,34 @@ using qpcli::json;
 using qpcli::kJson;
 using qpcli::say;
 
+// The USB bus ID of a usblp node, read from sysfs: /sys/class/usbmisc/lpN
+// links to .../BUS/BUS:CONFIG.INTERFACE/usbmisc/lpN.  Empty when the node is
+// not there or the link does not have that shape.
+std::string sysfs_bus_id(const std::string &dev) {
+    if (dev.size() < 3 || dev.compare(0, 2, "lp") != 0 ||
+        dev.find_first_not_of("0123456789", 2) != std::string::npos)
+        return {};
+    char link[4096];
+    const ssize_t n = readlink(("/sys/class/usbmisc/" + dev).c_str(), link, sizeof link);
+    if (n <= 0 || static_cast<size_t>(n) >= sizeof link) return {};
+    std::vector<std::string> parts;
+    std::string_view rest(link, static_cast<size_t>(n));
+    for (size_t slash; (slash = rest.find('/')) != std::string_view::npos; rest.remove_prefix(slash + 1))
+        parts.emplace_back(rest.substr(0, slash));
+    parts.emplace_back(rest);
+    if (parts.size() < 4 || parts[parts.size() - 1] != dev || parts[parts.size() - 2] != "usbmisc") return {};
+    const std::string &bus = parts[parts.size() - 4];
+    const std::string &iface = parts[parts.size() - 3];
+    if (bus.empty() || bus[0] == '-' || iface.compare(0, bus.size() + 1, bus + ":") != 0) return {};
+    return bus;
+}
+
 int attach(const qpcli::Args &a) {
-    if (a.size() != 2) return qpcli::kBadArgs;
+    if (a.empty() || a.size() > 2) return qpcli::kBadArgs;
+    const std::string bus = a.size() == 2 ? a[1] : sysfs_bus_id(a[0]);
+    if (bus.empty()) return say(qpcli::kFailed, "attach: no USB bus ID for %s in /sys/class/usbmisc.", a[0].c_str());
     begin_call();
-    return done(QORAPrinterEnableExt(1, a[0].c_str(), a[1].c_str()), "attach");
+    return done(QORAPrinterEnableExt(1, a[0].c_str(), bus.c_str()), "attach");
 }
 
 int detach(const qpcli::Args &args) {
@@ -120,7 +148,7 @@ int usbip_eject(const qpcli::Args &a) {
 }
 
 const qpcli::Register reg{{
-    cmd("attach", "DEV BUSID", "Attach a USB printer (the hot-plug add: lp0 1-1).", attach),
+    cmd("attach", "DEV [BUSID]", "Attach a USB printer (the hot-plug add: lp0 1-1; no BUSID: from sysfs).", attach),
     cmd("detach", "DEV | --bus BUSID [DEV]", "Detach a USB printer by device name or bus ID.", detach),
     cmd("list", "[--usb] [--net]", "Printer IDs of attached USB and known network printers.", list, kJson),
     cmd("device-id", "DEV", "The IEEE 1284 device ID string a USB printer reports.", device_id, kJson),

@@ -1,6 +1,9 @@
 // The qoraprinter command's contract: exit status by class, error sentences with the library's log line and a
 // failed tool's stderr line, JSON documents, help, completion and secrets, against a real scheduler.
 #include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "cupsd_fixture.hpp"
 #include "qp_test.hpp"
@@ -29,7 +32,8 @@ TEST(Cli, Contract) {
         {{"frobnicate"}, 2, "", "unknown command 'frobnicate'"},
         {{"queue"}, 2, "", "  queue check ID Q [--json]\n"},
         {{"queue", "frob"}, 2, "", "queue has no subcommand 'frob'"},
-        {{"attach", "lp0"}, 2, "", "usage: qoraprinter attach DEV BUSID\n"},
+        {{"attach"}, 2, "", "usage: qoraprinter attach DEV [BUSID]\n"},
+        {{"attach", "lp7"}, 1, "", "attach: no USB bus ID for lp7 in /sys/class/usbmisc."},
         {{"attach", "lp9", "1-9", "--json"}, 2, "", "attach prints no data"},
         {{"job", "wait", "P1", "1", "--timeout", "1s"}, 2, "", "--timeout takes whole seconds"},
         {{"cloud", "set", "me", "--password", "pw"}, 2, "", "--password would show the secret to every"},
@@ -67,6 +71,13 @@ TEST(Cli, Contract) {
         EXPECT_NE(r.out.find(c.out), std::string::npos) << r.out;
         EXPECT_TRUE(r.err.find(c.err) != std::string::npos && (!c.out.starts_with("{") || r.out == c.out)) << r.err;
     }
+    // The hot-plug attach of a device name alone takes the bus ID from the node's sysfs link.
+    ASSERT_EQ(mount("qp", "/sys/class", "tmpfs", 0, nullptr), 0);
+    ASSERT_EQ(mkdir("/sys/class/usbmisc", 0755), 0);
+    ASSERT_EQ(symlink("../../devices/pci0000:00/usb1/1-1.2/1-1.2:1.0/usbmisc/lp0", "/sys/class/usbmisc/lp0"), 0);
+    cli({"attach", "lp0"});
+    umount("/sys/class");
+    EXPECT_NE(qpt::read_file("/tmp/usbtab").find("1-1.2"), std::string::npos) << qpt::read_file("/tmp/usbtab");
     // Secrets from standard input; help of every form within 80 columns; completion from the same table.
     EXPECT_EQ(cli({"cloud", "set", "me", "--password-file", "-"}, "s3cret\n").status, 0);
     EXPECT_EQ(cli({"cloud", "show", "--reveal"}).out, "account: me\nsecret: password\npassword: s3cret\n");

@@ -45,24 +45,22 @@ if "$cmake" -S "$work/app7" -B "$work/app7/build" -DCMAKE_PREFIX_PATH="$prefix" 
     echo "find_package(qoraprinter 7) accepted version 6"; exit 1
 fi
 
-# Hot-plug: the rule starts the units by their installed names, and each
-# unit passes systemd-analyze verify (a DESTDIR install keeps the configured
-# paths, so the command is where the units say it is below the stage).
+# Hot-plug: the rule wants the unit by its installed name, and the unit
+# passes systemd-analyze verify (a DESTDIR install keeps the configured
+# paths, so the command is where the unit says it is below the stage).
 rules=$(find "$prefix" -name 99-qoraprinter.rules)
-attach=$(find "$prefix" -name 'qoraprinter-attach@.service')
-grep -q -- '--template=qoraprinter-attach@.service' "$rules"
-grep -q 'start qoraprinter-detach@%k.service' "$rules"
+unit=$(find "$prefix" -name 'qoraprinter-usb@.service')
+grep -q 'TAG+="systemd", ENV{SYSTEMD_WANTS}+="qoraprinter-usb@%k.service"' "$rules"
 if ! command -v systemd-analyze >/dev/null; then
     echo "systemd-analyze missing: units not verified"; exit 77
 fi
 DESTDIR=$work/root "$cmake" --install "$build" >/dev/null
-unitdir=$(dirname "$(find "$work/root" -name 'qoraprinter-attach@.service')")
-bin=$(sed -n 's/^ExecStart=\([^ ]*\).*/\1/p' "$attach")
+unitdir=$(dirname "$(find "$work/root" -name 'qoraprinter-usb@.service')")
+bin=$(sed -n 's/^ExecStart=\([^ ]*\).*/\1/p' "$unit")
 [ -x "$work/root$bin" ] || { echo "ExecStart names $bin, not installed there"; exit 1; }
-# Verified as installed, with only the command's path moved into the stage.
+# Verified as installed for lp0, with only the command's path moved into the
+# stage.
 mkdir -p "$work/units"
-inst=$(systemd-escape --template=qoraprinter-attach@.service 'lp0 1-1.2')
-sed "s#=$bin #=$work/root$bin #" "$unitdir/qoraprinter-attach@.service" > "$work/units/$inst"
-sed "s#=$bin #=$work/root$bin #" "$unitdir/qoraprinter-detach@.service" > "$work/units/qoraprinter-detach@lp0.service"
-systemd-analyze verify --man=no "$work/units/$inst" "$work/units/qoraprinter-detach@lp0.service"
+sed "s#=$bin #=$work/root$bin #" "$unitdir/qoraprinter-usb@.service" > "$work/units/qoraprinter-usb@lp0.service"
+systemd-analyze verify --man=no "$work/units/qoraprinter-usb@lp0.service"
 echo "install, pkg-config and CMake consumers, units: ok"
