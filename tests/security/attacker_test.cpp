@@ -76,7 +76,9 @@ std::string state(const std::string &path) {
         for (const auto &n : names) all += " " + n;
         return all;
     }
-    return qpt::read_file(path);
+    const std::string text = qpt::read_file(path);
+    return text.size() <= 80 ? text : text.substr(0, 60) + "... (" + std::to_string(text.size()) + " bytes, hash " +
+                                          std::to_string(std::hash<std::string>{}(text)) + ")";
 }
 
 bool root_owned_file(const char *path, const std::string &content) {
@@ -169,7 +171,7 @@ TEST(Attacker, MachineUnchangedAndEveryCallReturnsInTime) {
          [&] { return lock_is("P1", "Free") && no_queue("P1"); }, {}},
         {"status file of 256 MiB",
          [] {
-             const std::string tail = "LOCK=\"Locked by 10.0.0.7\"\n";
+             const std::string tail = "\nLOCK=\"Locked by 10.0.0.7\"\n";
              const int fd = open("/tmp/usbip_P1", O_WRONLY | O_CREAT | O_EXCL, 0644);
              const bool ok = fd >= 0 && pwrite(fd, tail.data(), tail.size(), 256 << 20) > 0;
              return close(fd) == 0 && ok;
