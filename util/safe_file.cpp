@@ -84,6 +84,12 @@ int open_read(int dirfd, const char *name, bool strict) {
     }
     struct stat st {};
     if (::fstat(fd, &st) != 0) return close_keep_errno(fd);
+    // A directory can be neither read nor replaced: an error, not absence.
+    if (S_ISDIR(st.st_mode)) {
+        ::close(fd);
+        errno = EISDIR;
+        return -1;
+    }
     bool ok = S_ISREG(st.st_mode);
     if (ok && strict) ok = st.st_uid == 0 && !shared_mode(st) && st.st_nlink == 1;
     if (!ok) {

@@ -47,7 +47,8 @@ int open_dir(const char *dir);
 // followed and the file must conform (above) or the result is -1 with errno
 // kUntrusted.  Without it (directories only root can write, where a link is
 // root's own doing), a link is followed and only a non-regular file is
-// refused (-1, kUntrusted).  A missing file is -1 with ENOENT.
+// refused (-1, kUntrusted).  A missing file is -1 with ENOENT; a directory
+// (which can be neither read nor replaced) is -1 with EISDIR in both modes.
 int open_read(int dirfd, const char *name, bool strict = true);
 
 // Reads the whole descriptor into out, at most `limit` bytes: EFBIG when the
