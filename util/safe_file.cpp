@@ -162,14 +162,14 @@ int read_file(const char *dir, const char *name, std::string &out, size_t limit,
 }
 
 bool split_path(std::string_view path, std::string &dir, std::string &name) {
-    size_t slash = path.rfind('/');
-    if (slash == std::string_view::npos) {
-        dir = ".";
-        name = path;
-    } else {
-        dir = slash == 0 ? "/" : std::string(path.substr(0, slash));
-        name = path.substr(slash + 1);
-    }
+    const size_t slash = path.rfind('/');
+    // Assigned from views: gcc 12 mistakes assignments of short literals
+    // here for overlapping copies (-Wrestrict).
+    const std::string_view d = slash == std::string_view::npos ? std::string_view(".")
+                               : slash == 0                    ? std::string_view("/")
+                                                               : path.substr(0, slash);
+    dir.assign(d.data(), d.size());
+    name.assign(slash == std::string_view::npos ? path : path.substr(slash + 1));
     return !name.empty() && name != "." && name != "..";
 }
 
@@ -181,10 +181,10 @@ int create_temp(int dirfd, const char *name, std::string &tmpname) {
             for (size_t i = 0; i < sizeof rnd; ++i)
                 rnd[i] = static_cast<unsigned char>((::getpid() * 31 + attempt * 7 + static_cast<int>(i)) & 0xff);
         }
-        tmpname = ".";
-        tmpname += name;
-        tmpname += '.';
-        for (unsigned char c : rnd) tmpname += kChars[c % (sizeof kChars - 1)];
+        char suffix[sizeof rnd + 1];
+        for (size_t i = 0; i < sizeof rnd; ++i) suffix[i] = kChars[rnd[i] % (sizeof kChars - 1)];
+        suffix[sizeof rnd] = '\0';
+        tmpname = std::string(".") + name + "." + suffix;
         int fd = ::openat(dirfd, tmpname.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY,
                           0600);
         if (fd >= 0) return fd;
