@@ -19,9 +19,13 @@ namespace {
 
 bool shared_mode(const struct stat &st) { return (st.st_mode & (S_IWGRP | S_IWOTH)) != 0; }
 
-// A directory is shared when others than root can write it, or when root
-// does not own it (its owner could change its mode or plant links).
-bool shared_dir(const struct stat &st) { return st.st_uid != 0 || shared_mode(st); }
+// Owners whose files and directories are trusted: root, and the process's
+// own user (the same when the library runs as root, as it does).
+bool trusted_owner(uid_t uid) { return uid == 0 || uid == ::geteuid(); }
+
+// A directory is shared when others can write it, or when its owner is not
+// trusted (it could change its mode or plant links).
+bool shared_dir(const struct stat &st) { return !trusted_owner(st.st_uid) || shared_mode(st); }
 
 int close_keep_errno(int fd) {
     int e = errno;
@@ -91,7 +95,7 @@ int open_read(int dirfd, const char *name, bool strict) {
         return -1;
     }
     bool ok = S_ISREG(st.st_mode);
-    if (ok && strict) ok = st.st_uid == 0 && !shared_mode(st) && st.st_nlink == 1;
+    if (ok && strict) ok = trusted_owner(st.st_uid) && !shared_mode(st) && st.st_nlink == 1;
     if (!ok) {
         ::close(fd);
         errno = kUntrusted;
