@@ -92,9 +92,11 @@ inline constexpr const char *kLockDir = "/run/qorasdk/lock";
 // Longest wait for a rewrite's sidecar lock before the rewrite fails.
 inline constexpr long long kLockWaitMs = 30000;
 // Opens (creating it 0600, and a missing directory 0755) the lock file at
-// path, whose directory must be a real directory owned by this user and not
-// writable by group or others.  -1 with errno (EPERM for a refused place).
+// path, whose directory must be a real directory (not a link) owned by this
+// user and not writable by group or others.  -1 with errno (EPERM for a refused place).
 int open_lock_path(const std::string &path);
+// The same for a name in an open directory (its owner and mode checked).
+int open_lock_at(int dirfd, const std::string &name);
 // The same for a name in kLockDir.
 int open_private_lock(const std::string &name);
 // flock LOCK_EX polled with LOCK_NB every 10 ms for at most limit_ms:

@@ -39,17 +39,24 @@ int open_lock_path(const std::string &path) {
         errno = EINVAL;
         return -1;
     }
-    Fd dfd{qp::safefile::open_dir(dir.c_str())};
-    if (!dfd.ok() && errno == ENOENT && make_dirs(dir, 0755) == 0) dfd.reset(qp::safefile::open_dir(dir.c_str()));
+    // The lock directory itself must not be a link (ELOOP): it is checked,
+    // not whatever a link would lead to.
+    auto open_lock_dir = [&] { return ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); };
+    Fd dfd{open_lock_dir()};
+    if (!dfd.ok() && errno == ENOENT && make_dirs(dir, 0755) == 0) dfd.reset(open_lock_dir());
     if (!dfd.ok()) return -1;
+    return open_lock_at(dfd.get(), name);
+}
+
+int open_lock_at(int dirfd, const std::string &name) {
     // A directory someone else can write would let them plant or hold the lock.
     struct stat st {};
-    if (::fstat(dfd.get(), &st) != 0) return -1;
+    if (::fstat(dirfd, &st) != 0) return -1;
     if (st.st_uid != ::geteuid() || (st.st_mode & (S_IWGRP | S_IWOTH))) {
         errno = EPERM;
         return -1;
     }
-    Fd fd{::openat(dfd.get(), name.c_str(), O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY,
+    Fd fd{::openat(dirfd, name.c_str(), O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY,
                    0600)};
     if (!fd.ok()) return -1;
     if (::fstat(fd.get(), &st) != 0) return -1;

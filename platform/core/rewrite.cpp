@@ -119,7 +119,7 @@ int rewrite_file(const char *path, const EditFn &edit) {
     // The sidecar is 0600 (an older, wider one is narrowed): flock needs
     // only a read descriptor, so a readable lock file could be held by anyone.
     Fd lock{shared ? open_private_lock(shared_lock_name(dir, base))
-                   : open_lock_path((dir == "/" ? "" : dir) + "/." + base + ".lock")};
+                   : open_lock_at(dfd.get(), "." + base + ".lock")};
     if (!lock.ok()) {
         QC_FAIL(ERR_OPEN_FAILED);
         return -1;
