@@ -168,6 +168,11 @@ TEST_F(CupsTest, PpdReadReturnsTheWholeFileAndAFailedCopyKeepsTheOldOne) {
     char *got = QORACupsGetPPD("model");
     EXPECT_EQ(got ? std::string(got) : "<NULL>", text);
     free(got);
+    // A NUL byte ends its line's text, newline included, as in a C string.
+    qpt::write_file("/etc/cups/ppd/nul.ppd", std::string("a\0b\nc\n\0\nd", 10));
+    got = QORACupsGetPPD("nul");
+    EXPECT_STREQ(got, "ac\nd");
+    free(got);
     // No text is NULL without an error.
     for (const auto &[name, code] : {std::pair{"empty", 0u}, {"missing", ERR_OPEN_FAILED}, {"dir", ERR_READ_FAILED}}) {
         QLIBCErrSetEx(0, "", 0);
