@@ -38,8 +38,12 @@ void each_line(std::string_view data, F &&f) {
 }  // namespace
 
 int read(const char *name, std::size_t limit, std::string &text, bool *untrusted) {
-    if (untrusted) *untrusted = false;
-    return safefile::read_file(kDir, name, text, limit, true, untrusted);
+    bool odd = false;
+    int rc = safefile::read_file(kDir, name, text, limit, true, &odd);
+    // A directory standing at the name is no file of ours either.
+    if (rc == EISDIR) odd = true, rc = ENOENT;
+    if (untrusted) *untrusted = odd;
+    return rc;
 }
 
 int replace(const char *name, std::string_view text) {
