@@ -59,7 +59,7 @@ int UsbtabEdit(int iAction, const char *szDevName, const char *szBusId) {
     const int rd = qp::tmpfile::read(kUsbtabName, qp::safefile::kTableLimit, old, &untrusted);
     if (rd != 0 && rd != ENOENT) {
         QP_LOG_ERR("read usbtab failed (%s)", strerror(rd));
-        QP_SET_ERR(rd == EFBIG ? ERR_VALUE_TOO_LONG : ERR_READ_FAILED);
+        QP_SET_ERR(ERR_READ_FAILED);
         return -1;
     }
 

@@ -30,7 +30,7 @@ QP_EXPORT int QORAPrinterQueueGet(const char *szPrinterId, char *szBuf, int cbBu
         std::string_view value;
         const int rc = qp::tmpfile::read(name.c_str(), qp::safefile::kStatusLimit, text);
         if (rc != 0 || !qp::tmpfile::find(text, "QUEUE", value)) {
-            QP_SET_ERR(rc == EFBIG ? ERR_VALUE_TOO_LONG : rc == 0 ? ERR_KEY_NOT_FOUND : ERR_OPEN_FAILED);
+            QP_SET_ERR(rc == EFBIG ? ERR_READ_FAILED : rc == 0 ? ERR_KEY_NOT_FOUND : ERR_OPEN_FAILED);
             QP_LOG_ERR("get queue failed, printer=%s", szPrinterId);
             return -1;
         }

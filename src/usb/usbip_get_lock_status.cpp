@@ -22,7 +22,7 @@ QP_EXPORT int QORAPrinterUsbipGetLockStatus(const char *szPrinterId, char *szBuf
         const int rc = qp::tmpfile::read(name.c_str(), qp::safefile::kStatusLimit, text);
         if (rc != 0 && rc != ENOENT) {
             QP_LOG_ERR("read status failed (%s), printer=%s", strerror(rc), szPrinterId);
-            QP_SET_ERR(rc == EFBIG ? ERR_VALUE_TOO_LONG : ERR_READ_FAILED);
+            QP_SET_ERR(ERR_READ_FAILED);
             return -1;
         }
         std::string_view value;
