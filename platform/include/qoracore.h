@@ -30,6 +30,7 @@ extern "C" {
 #define ERR_FIELD_NOT_FOUND    0x2600u
 #define ERR_RENAME_FAILED      0x2800u
 #define ERR_EXTERNAL_FAILED    0x2A00u
+#define ERR_SIGCHLD_IGNORED    0x2B00u /* a program run refused: the caller ignores SIGCHLD */
 #define ERR_REMOVE_KEY_FAILED  0x3900u
 #define ERR_VALUE_TOO_LONG     0xBF00u
 #define ERR_SERVICE_RUNNING    0xD000u
@@ -64,11 +65,19 @@ QLIBC_API int QLIBCSzHashCount(PQLIBSZHASH pHash);
 
 /*
  * Text files below are rewritten crash-safely: writers of one file serialise
- * on an flock of the sidecar file ".<name>.lock" in the same directory, read
- * the current content under it, write a temporary file beside the target
- * (owner and mode of the old file; 0644 for a new one), fsync it and rename it
- * over the target.  Readers take no lock and see the old or the new file.
- * Lines a writer does not change are kept byte for byte.
+ * on an flock of the sidecar file ".<name>.lock" (mode 0600) in the same
+ * directory, waiting at most 30 s (then ERR_LOCK_FAILED), read the current
+ * content under it, write a temporary file beside the target (owner and mode
+ * of the old file; 0644 for a new one), fsync it and rename it over the
+ * target.  Readers take no lock and see the old or the new file.  Lines a
+ * writer does not change are kept byte for byte.  No link is written
+ * through: a link at the name is read and then replaced by a file.
+ * In a directory that others may write (or that root does not own), such as
+ * /tmp, a file counts only when it is a regular file of root's, not writable
+ * by group or others, with one link: anything else (link, FIFO, a user's
+ * file) reads as missing and is replaced by a root file with mode 0644; a
+ * file there over 1 MiB fails to read (ERR_READ_FAILED); and the sidecar lock
+ * lives in /run/qorasdk/lock instead.  A directory at a name is an error.
  *
  * Keys, values and section names are written with every control byte except
  * tab (so CR and LF too) replaced by a blank, so a value can never start a
@@ -127,14 +136,19 @@ QLIBC_API int QLIBCFileSetSectionValue(const char *szFile, const char *szSection
 QLIBC_API int QLIBCFileExist(const char *szPath);
 QLIBC_API FILE *QLIBCFileTempFileOpen(char *szTemplate);
 /*
- * LockByFile: mode 1 only (exclusive, never waits); creates the file and its
- * directories; 1 with *pFd set when locked, 0 when another holder has it,
- * negative on error.  Closing *pFd releases the lock.
+ * LockByFile: mode 1 only (exclusive, never waits); creates the file (0600,
+ * never through a link) and its directories; 1 with *pFd set when locked, 0
+ * when another holder has it, negative on error.  Closing *pFd releases the
+ * lock.  The directory must be the caller's (root's) and not writable by
+ * group or others, or no one else could be kept from holding the lock: a
+ * lock file elsewhere (/tmp) is refused with ERR_OPEN_FAILED.  A lock file
+ * found with a wider mode is narrowed to 0600.
  */
 QLIBC_API int QLIBCFileLockByFile(const char *szFile, int iMode, int *pFd);
 
 /*
- * Named locks.  A request is the lock number or'ed with the wait mode.
+ * Named locks (files 0600 in /run/qorasdk/lock).  A request is the lock
+ * number or'ed with the wait mode.
  * QLIBCFileLock polls every 10 ms for up to iWaitLimit seconds: 0 when taken,
  * non-zero with ERR_LOCK_FAILED when not.  The lock belongs to the process
  * until QLIBCFileUnlock (non-zero with ERR_UNLOCK_FAILED when not held); a
@@ -156,19 +170,30 @@ QLIBC_API int QLIBCStrReplace(const char *szSrc, const char *szPattern, const ch
 
 /* ---- Programs and processes ------------------------------------------------------ */
 /*
- * Programs run by absolute path without a shell: stdin on /dev/null, stderr
- * on a pipe read after the program ended (see QLIBCExecTakeFailure), stdout
- * on /dev/null (or the stream of QLIBCPopen), an empty
- * signal mask and default dispositions, the caller's environment without LANG
- * and LC_* plus LC_ALL=C.  Exec/Execl/Execv: 0 for exit status 0, the exit
- * status when non-zero, negative when the program could not start (-1) or was
- * killed by a signal (-(128 + signal)).  QLIBCExec alone expands arguments
- * holding * ? or [ like a shell word (sorted matches; no match: unchanged).
+ * Programs run by absolute path without a shell, every argument passed as it
+ * is (no wildcard expansion): stdin on /dev/null, stderr on a pipe read
+ * after the program ended (see QLIBCExecTakeFailure), stdout on /dev/null
+ * (or the stream of QLIBCPopen), no other descriptor (all above 2
+ * are closed in the child, close-on-exec or not), an empty signal mask and
+ * default dispositions, the caller's environment without LANG and LC_* plus
+ * LC_ALL=C.  Exec/Execl/Execv: 0 for exit status 0, the exit status when
+ * non-zero (an answer, not a failure: the error slot is left alone), negative
+ * with the slot set when the program could not start (-1) or was killed by a
+ * signal (-(128 + signal)).
+ * Every run is bounded to 120 s: a program still running then is killed
+ * (-(128 + 9), ERR_EXTERNAL_FAILED, one LOG_ERR line).  A QLIBCPopen stream
+ * ends after 16 MiB of output; the program is then killed and QLIBCPclose
+ * fails the same way.  A caller whose SIGCHLD disposition is SIG_IGN (or
+ * SA_NOCLDWAIT) gets -1 (NULL from QLIBCPopen) with ERR_SIGCHLD_IGNORED, and
+ * the program is not run: its exit status could not be collected.
  * QLIBCPclose: the exit status (0 or more; a child ended by SIGPIPE because
  * the reader closed early counts as 0), negative when the child cannot be
- * waited for or a signal other than SIGPIPE ended it.
- * QLIBCIsProcAlive: non-zero when a process of exactly that name runs
- * (zombies do not count; names past 15 bytes compare argv[0]'s base name).
+ * waited for, a signal other than SIGPIPE ended it, or a bound cut it short.
+ * QLIBCIsProcAlive: non-zero when a process of exactly that name runs and
+ * belongs to root (zombies do not count; names past 15 bytes compare
+ * argv[0]'s base name).  For "cupsd" and "avahi-daemon" the process must
+ * also run /usr/sbin/<name>.  0 otherwise; the slot is set only for a bad
+ * argument or when /proc cannot be listed.
  */
 QLIBC_API int QLIBCExec(const char *szPath, const char *szArg1, const char *szArg2, const char *szArg3,
                         const char *szArg4);
@@ -191,12 +216,19 @@ QLIBC_API int QLIBCExecTakeFailure(char *szPath, int cbPath, int *piResult, char
 /* ---- Secrets ----------------------------------------------------------------------- */
 /*
  * Authenticated encryption under the appliance key /usr/qora/etc/.qoracrypt.key
- * (created on first use, mode 0600), output URL-safe base64 without padding.
- * Non-zero on success; 0 for an empty secret, an output that does not fit, or
- * a stored text that was changed.  A 255-byte secret takes 394 bytes + NUL.
+ * (created on first use, mode 0600, O_EXCL; a key file that is not a regular
+ * file of root's, or that group or others may read, is refused and never
+ * replaced), output URL-safe base64 without padding.  The Named forms bind the
+ * value to the name it is stored under (associated data): it opens only under
+ * that same name, so stored values cannot be swapped between names; the plain
+ * forms use the empty name.  Non-zero on success; 0 for an empty secret, an
+ * output that does not fit, a stored text that was changed or moved, or a
+ * refused key.  A 255-byte secret takes 394 bytes + NUL.
  */
 QLIBC_API int QLIBCCryptSzEncrypt(const char *szPlain, char *szBuf, int cbBuf);
 QLIBC_API int QLIBCCryptSzDecrypt(const char *szStored, char *szBuf, int cbBuf);
+QLIBC_API int QLIBCCryptSzEncryptNamed(const char *szName, const char *szPlain, char *szBuf, int cbBuf);
+QLIBC_API int QLIBCCryptSzDecryptNamed(const char *szName, const char *szStored, char *szBuf, int cbBuf);
 
 #ifdef __cplusplus
 }

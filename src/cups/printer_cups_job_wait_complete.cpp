@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "frame.hpp"
+#include "names.hpp"
 #include "owners.hpp"
 #include "qorasdk.h"
 
@@ -30,7 +31,7 @@ QP_EXPORT int QORAPrinterCupsJobWaitComplete(const char *szPrinterId, const char
         QP_CHECK_QUIET(-1, szPrinterId && szJobId);
 
         char queue[32] = {0};
-        if (QORAPrinterCupsNameGet(szPrinterId, queue, sizeof queue) != 0 || !queue[0]) {
+        if (qp::stored_queue_name(szPrinterId, queue, sizeof queue) != 0) {
             QP_LOG_ERR("get cups printer name failed, printer=%s", szPrinterId);
             return -1;
         }

@@ -1,6 +1,7 @@
 // USB/IP operations against a recording stand-in of the USB/IP tool and status files written here.
 #include <gtest/gtest.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <string>
@@ -70,6 +71,14 @@ TEST_F(Usbip, StatusFileGivesLockAndQueueWithTheBracketGivingWayToCupsJobs) {
     }
     EXPECT_EQ(0, QORAPrinterUsbipGetLockStatus("1-1", buf, 7));
     EXPECT_STREQ("Locked", buf);
+
+    // Even root's own status file is read only up to 64 KiB: past that, an error.
+    ASSERT_EQ(0, truncate(kStatus, 64 << 10));
+    EXPECT_EQ(0, QORAPrinterUsbipGetLockStatus("1-1", buf, sizeof(buf)));
+    ASSERT_EQ(0, truncate(kStatus, (64 << 10) + 1));
+    EXPECT_EQ(-1, QORAPrinterUsbipGetLockStatus("1-1", buf, sizeof(buf)));
+    EXPECT_EQ(ERR_READ_FAILED, QLIBCErrGet());
+    EXPECT_EQ(-1, QORAPrinterQueueGet("1-1", buf, sizeof(buf)));
 }
 
 }  // namespace
