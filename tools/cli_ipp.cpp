@@ -17,12 +17,13 @@
 #include <algorithm>
 
 #include "cli.hpp"
+#include "tool_paths.hpp"
 
 namespace qpipp {
 namespace {
 
-constexpr const char *kIpptool = "/usr/bin/ipptool";
-constexpr const char *kDriverless = "/usr/bin/driverless";
+using qp::tool::kIpptool;
+using qp::tool::kDriverless;
 constexpr int kToolTimeoutMs = 20000;
 constexpr size_t kMaxOutput = 1 << 20;
 // What a printer is asked for: its state, formats, identity and supplies.

@@ -10,6 +10,7 @@
 
 #include "owners.hpp"
 #include "qoracore.h"
+#include "tool_paths.hpp"
 
 namespace qp {
 
@@ -26,7 +27,7 @@ template <class Visit>
 Listing list_queues(Visit &&visit) {
     constexpr int kRuns = 3;
     for (int run = 0; run < kRuns; ++run) {
-        Pipe lpstat(::QLIBCPopen("/usr/bin/lpstat", "r", "-v", static_cast<char *>(nullptr)));
+        Pipe lpstat(::QLIBCPopen(qp::tool::kLpstat, "r", "-v", static_cast<char *>(nullptr)));
         if (!lpstat) continue;  // could not start: no pause
         const int saved_errno = errno;
         char line[1024];

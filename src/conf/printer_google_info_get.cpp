@@ -36,33 +36,35 @@ bool decipher_into(const char *key, const char *stored, char (&field)[N]) {
 
 QP_EXPORT int QORAPrinterGoogleInfoGet(PrinterGoogleInfo *pInfo) {
     QP_CHECK_QUIET(-1, pInfo != nullptr);
-    std::memset(pInfo, 0, sizeof *pInfo);
+    return QP_GUARD(-1, {
+        std::memset(pInfo, 0, sizeof *pInfo);
 
-    qp::Hash hash(512);
-    if (!hash) {
-        QP_SET_ERR(ERR_OUT_OF_MEMORY);
+        qp::Hash hash(512);
+        if (!hash) {
+            QP_SET_ERR(ERR_OUT_OF_MEMORY);
+            return -1;
+        }
+        ::QLIBCFileGetSection(qp::path::kPrinterConf, kSection, hash.addr());
+
+        const char *account = hash.value("google account");
+        if (account == nullptr) return -1;
+        qp::copy_cut(pInfo->szAccount, account);
+
+        if (const char *pass = hash.value("google pass")) {
+            if (!decipher_into("google pass", pass, pInfo->szPassword)) {
+                QP_LOG_ERR("decrypt failed");
+                return -1;
+            }
+            return 0;
+        }
+        if (const char *token = hash.value("refresh token")) {
+            if (!decipher_into("refresh token", token, pInfo->szRefreshToken)) {
+                QP_LOG_ERR("decrypt failed");
+                return -1;
+            }
+            return 0;
+        }
+        QP_LOG_ERR("Can't get password and refresh_token");
         return -1;
-    }
-    ::QLIBCFileGetSection(qp::path::kPrinterConf, kSection, hash.addr());
-
-    const char *account = hash.value("google account");
-    if (account == nullptr) return -1;
-    qp::copy_cut(pInfo->szAccount, account);
-
-    if (const char *pass = hash.value("google pass")) {
-        if (!decipher_into("google pass", pass, pInfo->szPassword)) {
-            QP_LOG_ERR("decrypt failed");
-            return -1;
-        }
-        return 0;
-    }
-    if (const char *token = hash.value("refresh token")) {
-        if (!decipher_into("refresh token", token, pInfo->szRefreshToken)) {
-            QP_LOG_ERR("decrypt failed");
-            return -1;
-        }
-        return 0;
-    }
-    QP_LOG_ERR("Can't get password and refresh_token");
-    return -1;
+    });
 }

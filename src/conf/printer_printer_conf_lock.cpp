@@ -15,12 +15,14 @@ constexpr useconds_t kPauseUs = 50 * 1000;
 }  // namespace
 
 QP_EXPORT int QORAPrinterPrinterConfLock(void) {
-    for (int i = 0; i < kTries; ++i) {
-        int fd = -1;
-        if (::QLIBCFileLockByFile(qp::path::kConfLock, 1, &fd) == 1) return fd;
-        ::usleep(kPauseUs);
-    }
-    // A core library that left a descriptor number behind on a failed try
-    // must not make this look like success: the caller tests for negative.
-    return -1;
+    return QP_GUARD(-1, {
+        for (int i = 0; i < kTries; ++i) {
+            int fd = -1;
+            if (::QLIBCFileLockByFile(qp::path::kConfLock, 1, &fd) == 1) return fd;
+            ::usleep(kPauseUs);
+        }
+        // A core library that left a descriptor number behind on a failed try
+        // must not make this look like success: the caller tests for negative.
+        return -1;
+    });
 }

@@ -1,55 +1,30 @@
-// Argument vectors for the CUPS tools: a fixed number of slots, each a
-// separate heap string, the vector ended by the first empty slot.
+// Argument vectors for the CUPS tools, built by appending.  Running out of
+// memory throws std::bad_alloc, which the frame's guard turns into
+// ERR_OUT_OF_MEMORY.
 #pragma once
 
-#include <stdlib.h>
-#include <string.h>
-
-#include <array>
-#include <cstddef>
+#include <string>
+#include <vector>
 
 namespace qp {
 
-template <std::size_t N>
-class ArgVec {
+class ArgList {
 public:
-    ArgVec() noexcept { slots_.fill(nullptr); }
-    ArgVec(const ArgVec &) = delete;
-    ArgVec &operator=(const ArgVec &) = delete;
-    ~ArgVec() {
-        for (char *s : slots_) ::free(s);
+    ArgList &add(std::string arg) {
+        args_.push_back(std::move(arg));
+        return *this;
     }
-
-    // Puts a copy of text into slot i; false when out of memory.  The last
-    // slot stays empty so the vector is always ended.
-    bool set(std::size_t i, const char *text) noexcept {
-        if (i + 1 >= N) return false;
-        char *copy = ::strdup(text);
-        if (!copy) return false;
-        ::free(slots_[i]);
-        slots_[i] = copy;
-        return true;
+    // The vector for QLIBCExecv, ended by NULL; valid until the next add.
+    char *const *argv() {
+        ptrs_.clear();
+        for (std::string &a : args_) ptrs_.push_back(a.data());
+        ptrs_.push_back(nullptr);
+        return ptrs_.data();
     }
-
-    // Puts a zeroed heap buffer of the given size into slot i.
-    char *set_buffer(std::size_t i, std::size_t size) noexcept {
-        if (i + 1 >= N) return nullptr;
-        char *buf = static_cast<char *>(::calloc(1, size));
-        if (!buf) return nullptr;
-        ::free(slots_[i]);
-        slots_[i] = buf;
-        return buf;
-    }
-
-    void clear(std::size_t i) noexcept {
-        ::free(slots_[i]);
-        slots_[i] = nullptr;
-    }
-
-    char *const *argv() const noexcept { return slots_.data(); }
 
 private:
-    std::array<char *, N> slots_;
+    std::vector<std::string> args_;
+    std::vector<char *> ptrs_;
 };
 
 }  // namespace qp

@@ -8,6 +8,7 @@
 #include "internal.hpp"
 #include "names.hpp"
 #include "paths.hpp"
+#include "tool_paths.hpp"
 
 int printer_backup_ppd(const char *szPpdFile, const char *szPrinterId) {
     return QP_GUARD(-1, {
@@ -15,14 +16,14 @@ int printer_backup_ppd(const char *szPpdFile, const char *szPrinterId) {
                               QP_ARG(((void *)0) != szPrinterId) && QP_ARG(0 != szPrinterId[0]) &&
                               QP_ARG(qp::name_ok(szPrinterId, qp::kIdMax)));
 
-        if (QLIBCExec("/bin/mkdir", "-p", qp::path::kCupsPpdDir, NULL, NULL) != 0) {
+        if (QLIBCExec(qp::tool::kMkdir, "-p", qp::path::kCupsPpdDir, NULL, NULL) != 0) {
             QP_LOG_ERR("mkdir -p %s failed", qp::path::kCupsPpdDir);
             QP_SET_ERR(ERR_EXTERNAL_FAILED);
             return -1;
         }
 
         const std::string dest = std::string(qp::path::kCupsPpdDir) + szPrinterId + ".ppd";
-        if (QLIBCExec("/bin/cp", "-f", "--", szPpdFile, dest.c_str()) != 0) {
+        if (QLIBCExec(qp::tool::kCp, "-f", "--", szPpdFile, dest.c_str()) != 0) {
             QP_LOG_ERR("cp -f %s %s failed", szPpdFile, dest.c_str());
             QP_SET_ERR(ERR_EXTERNAL_FAILED);
             return -1;

@@ -10,6 +10,7 @@
 
 #include "frame.hpp"
 #include "paths.hpp"
+#include "tool_paths.hpp"
 
 namespace {
 
@@ -32,11 +33,11 @@ std::vector<std::string> spool_entries() {
 int remove_all(const std::vector<std::string> &paths) {
     size_t at = 0;
     do {
-        std::vector<char *> argv{const_cast<char *>("/bin/rm"), const_cast<char *>("-rf"), const_cast<char *>("--")};
+        std::vector<char *> argv{const_cast<char *>(qp::tool::kRm), const_cast<char *>("-rf"), const_cast<char *>("--")};
         for (size_t end = std::min(paths.size(), at + kPathsPerRun); at < end; ++at)
             argv.push_back(const_cast<char *>(paths[at].c_str()));
         argv.push_back(nullptr);
-        if (int rc = QLIBCExecv("/bin/rm", argv.data(), 1); rc != 0) return rc;
+        if (int rc = QLIBCExecv(qp::tool::kRm, argv.data(), 1); rc != 0) return rc;
     } while (at < paths.size());
     return 0;
 }
@@ -47,7 +48,7 @@ QP_EXPORT int QORAPrinterCleanSpool(void) {
     return QP_GUARD(-1, {
         // lprm of this print service answers 'unknown destination "all"' and
         // exits 1; that is logged and the clean-up goes on.
-        if (QLIBCExec("/usr/bin/lprm", "all", NULL, NULL, NULL) != 0)
+        if (QLIBCExec(qp::tool::kLprm, "all", NULL, NULL, NULL) != 0)
             QP_LOG_ERR("lprm all failed. " QP_LOWER_FMT, QP_LOWER_ARGS);
 
         if (int rc = remove_all(spool_entries()); rc != 0) {

@@ -19,6 +19,7 @@
 #include "names.hpp"
 #include "owners.hpp"
 #include "qorasdk.h"
+#include "tool_paths.hpp"
 
 namespace {
 
@@ -43,7 +44,7 @@ QP_EXPORT int QORAPrinterCupsJobWaitComplete(const char *szPrinterId, const char
         int result = -1;
         for (int pass = 0; pass < kMaxPasses; ++pass) {
             if (pass > 0) sleep(1);
-            qp::Pipe pipe(QLIBCPopen("/usr/bin/lpq", "r", "-P", queue, (char *)NULL));
+            qp::Pipe pipe(QLIBCPopen(qp::tool::kLpq, "r", "-P", queue, (char *)NULL));
             if (!pipe) {
                 QP_LOG_ERR("open failed. " QP_LOWER_FMT, QP_LOWER_ARGS);
                 return result;

@@ -4,6 +4,7 @@
 #include "cups/cups_argv.hpp"
 #include "frame.hpp"
 #include "names.hpp"
+#include "tool_paths.hpp"
 
 QP_EXPORT int QORAPrinterCupsPrintFile(const char *szPrinterId, const char *szFile, const char *szTitle,
                                        int blRemove) {
@@ -19,23 +20,16 @@ QP_EXPORT int QORAPrinterCupsPrintFile(const char *szPrinterId, const char *szFi
             return -1;
         }
 
-        qp::ArgVec<8> argv;
-        size_t next = 3;
-        bool ok = argv.set(0, "/usr/bin/lpr") && argv.set(1, "-P") && argv.set(2, queue);
-        if (ok && blRemove == 1) ok = argv.set(next++, "-r");
-        if (ok && szTitle && szTitle[0]) {
-            ok = argv.set(next, "-T") && argv.set(next + 1, szTitle);
-            next += 2;
-        }
-        if (!ok || !argv.set(next, szFile)) {
-            QP_SET_ERR(ERR_OUT_OF_MEMORY);
-            return -1;
-        }
+        qp::ArgList args;
+        args.add(qp::tool::kLpr).add("-P").add(queue);
+        if (blRemove == 1) args.add("-r");
+        if (szTitle && szTitle[0]) args.add("-T").add(szTitle);
+        args.add(szFile);
 
-        int ret = QLIBCExecv("/usr/bin/lpr", argv.argv(), 1);
+        int ret = QLIBCExecv(qp::tool::kLpr, args.argv(), 1);
         if (ret != 0) {
             QP_SET_ERR(ERR_EXTERNAL_FAILED);
-            QP_LOG_ERR("execv error, cmd=%s, ret=%d", "/usr/bin/lpr", ret);
+            QP_LOG_ERR("execv error, cmd=%s, ret=%d", qp::tool::kLpr, ret);
             return -1;
         }
         return 0;

@@ -12,7 +12,7 @@
 
 #include <string>
 
-#include "cups/cups_argv.hpp"
+#include "cups/queue_setup.hpp"
 #include "frame.hpp"
 #include "internal.hpp"
 #include "names.hpp"
@@ -20,10 +20,9 @@
 #include "paths.hpp"
 #include "qorasdk.h"
 #include "queue_listing.hpp"
+#include "tool_paths.hpp"
 
 namespace {
-
-constexpr const char *kLpadmin = "/usr/bin/lpadmin";
 
 // Which of the two USB queue names "lpstat -v" lists.  What was seen stays
 // seen across attempts; an incomplete listing still decides.
@@ -35,6 +34,15 @@ void scan_usb_names(bool &seen1, bool &seen2) {
             seen2 = true;
         return false;
     });
+}
+
+// Creates the queue and stops it (it was created enabled): the caller
+// starts it when the printer is to print.
+int create_stopped(const char *queue, const std::string &uri, const std::string &ppd, const char *szPrinterId) {
+    if (QP_CREATE_QUEUE(queue, uri.c_str(), ppd) != 0) return -1;
+    QP_LOG_ERR("add cups printer=%s, ok", queue);
+    if (QORAPrinterCupsPrinterEnable(queue, 0) != 0) QP_LOG_ERR("disable printer=%s failed", szPrinterId);
+    return 0;
 }
 
 void store_name(const char *szName, const char *szPrinterId) {
@@ -99,67 +107,14 @@ QP_EXPORT int QORAPrinterCupsAdd(const char *szPrinterId, const char *szPpdFile)
         // either fails.
         store_name(chosen, szPrinterId);
 
-        const char *ppd = nullptr;
-        std::string kept;
-        if (szPpdFile && szPpdFile[0]) {
-            struct stat st;
-            if (stat(szPpdFile, &st) != 0) {
-                QP_LOG_ERR("add cups printer, ppd file does not exist,path=%s", szPpdFile);
-                return -1;
-            }
-            if (printer_backup_ppd(szPpdFile, szPrinterId) != 0)
-                QP_LOG_ERR("Failed to backup ppd file: %s" QP_LOWER_FMT, szPpdFile, QP_LOWER_ARGS);
-            ppd = szPpdFile;
-        } else {
-            kept = std::string(qp::path::kCupsPpdDir) + szPrinterId + ".ppd";
-            if (QLIBCFileExist(kept.c_str())) ppd = kept.c_str();
-        }
+        std::string ppd;
+        if (!QP_CHOOSE_PPD(szPpdFile, szPrinterId, ppd)) return -1;
 
-        char uri[4096];
-        snprintf(uri, sizeof uri, "usb:/dev/usb/%s", szPrinterId);
-        char host64[64] = {0};
-        char host[128] = {0};
-        const bool have_host = gethostname(host64, sizeof host64) == 0 && host64[0];
-        if (have_host) snprintf(host, sizeof host, "%.*s", (int)sizeof host64, host64);
-
-        qp::ArgVec<11> argv;
-        char *queue = argv.set_buffer(2, 1024);
-        if (!queue || !argv.set(0, kLpadmin) || !argv.set(1, "-p") || !argv.set(3, "-E") || !argv.set(4, "-v") ||
-            !argv.set(5, uri) || (have_host && (!argv.set(6, "-L") || !argv.set(7, host)))) {
-            QP_SET_ERR(ERR_OUT_OF_MEMORY);
+        const std::string uri = std::string("usb:/dev/usb/") + szPrinterId;
+        if (create_stopped(chosen, uri, ppd, szPrinterId) != 0) return -1;
+        // "usbprinter1" gets its twin "usbprinter" on the same device, without a PPD.
+        if (strstr(chosen, "usbprinter1") && create_stopped("usbprinter", uri, std::string(), szPrinterId) != 0)
             return -1;
-        }
-        snprintf(queue, 1024, "%s", chosen);
-        const size_t ppd_slot = have_host ? 8 : 6;
-
-        for (bool first = true;; first = false) {
-            if (first && ppd && ppd[0]) {
-                if (!argv.set(ppd_slot, "-P") || !argv.set(ppd_slot + 1, ppd)) {
-                    QP_SET_ERR(ERR_OUT_OF_MEMORY);
-                    return -1;
-                }
-            } else {
-                argv.clear(ppd_slot);
-                argv.clear(ppd_slot + 1);
-            }
-
-            for (int left = 3;;) {
-                int ret = QLIBCExecv(kLpadmin, argv.argv(), 1);
-                if (ret == 0) break;
-                --left;
-                QP_LOG_ERR("add cups printer=%s, retry(%d) ... %s [%d]", queue, left, kLpadmin, ret);
-                if (left == 0) return -1;
-                sleep(2);
-            }
-            QP_LOG_ERR("add cups printer=%s, ok", queue);
-
-            // Created with -E, then stopped: the caller starts it when the
-            // printer is to print.
-            if (QORAPrinterCupsPrinterEnable(queue, 0) != 0) QP_LOG_ERR("disable printer=%s failed", szPrinterId);
-
-            if (!(first && strstr(queue, "usbprinter1"))) break;
-            snprintf(queue, 1024, "%s", "usbprinter");
-        }
         return 0;
     });
 }

@@ -5,6 +5,7 @@
 
 #include "frame.hpp"
 #include "names.hpp"
+#include "tool_paths.hpp"
 
 namespace {
 
@@ -26,7 +27,7 @@ QP_EXPORT int QORAPrinterCupsPrinterEnable(const char *szCupsPrinterName, int bl
 
         char name[128];
         snprintf(name, sizeof name, "%s", szCupsPrinterName);
-        const char *program = blEnable ? "/usr/bin/cupsenable" : "/usr/bin/cupsdisable";
+        const char *program = blEnable ? qp::tool::kCupsEnable : qp::tool::kCupsDisable;
 
         if (run_switch(program, name) != 0) return -1;
         if (strcasecmp(name, "usbprinter1") == 0 && run_switch(program, "usbprinter") != 0) return -1;

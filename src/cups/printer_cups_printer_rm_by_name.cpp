@@ -6,12 +6,13 @@
 
 #include "frame.hpp"
 #include "names.hpp"
+#include "tool_paths.hpp"
 
 namespace {
 
 int remove_queue(const char *szQueue) {
-    if (QLIBCExec("/usr/bin/lpadmin", "-x", szQueue, NULL, NULL) < 0) {
-        QP_LOG_ERR("Execute error, cmd=%s -x %s", "/usr/bin/lpadmin", szQueue);
+    if (QLIBCExec(qp::tool::kLpadmin, "-x", szQueue, NULL, NULL) < 0) {
+        QP_LOG_ERR("Execute error, cmd=%s -x %s", qp::tool::kLpadmin, szQueue);
         return -1;
     }
     return 0;

@@ -16,6 +16,7 @@
 #include "net/net_scan.hpp"
 #include "owners.hpp"
 #include "qorasdk.h"
+#include "tool_paths.hpp"
 
 namespace {
 
@@ -125,50 +126,51 @@ int avahi_read(FILE *browse, const char *szPattern, PQLIBSZLIST *ppList, AvahiSl
 
 QP_EXPORT int QORAPrinterNetAvahiInfoGet(const char *szIP, PrinterNetInfo *pNPInfo) {
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP) && QP_ARG(NULL != pNPInfo));
-
-    if (!QLIBCIsProcAlive("avahi-daemon") && QLIBServiceStart("avahi", 0) < 0) {
-        // The browse runs all the same; without a daemon it lists nothing.
-        QP_LOG_ERR("Service start failed. " QP_LOWER_FMT, QP_LOWER_ARGS);
-    }
-
-    qp::List pieces(1024);
-    if (!pieces) {
-        QP_SET_ERR(ERR_OUT_OF_MEMORY);
-        errno = 0;
-        return -1;
-    }
-
-    char szPattern[qp::net::kLineSize];
-    snprintf(szPattern, sizeof szPattern, ";%s;", szIP);
-
-    qp::Pipe browse(QLIBCPopen("/usr/qora/sbin/avahi-browse", "r", "-arpt", static_cast<char *>(nullptr)));
-    if (!browse) {
-        QP_LOG_ERR("open failed. " QP_LOWER_FMT, QP_LOWER_ARGS);
-        errno = 0;
-        return -1;
-    }
-
-    const int savedErrno = errno;
-    errno = 0;
-    qp::net::AvahiSlots slots = {};
-    int result = qp::net::avahi_read(browse.get(), szPattern, pieces.addr(), &slots);
-    if (result == 0) {
-        result = 1;
-        for (int i = 0; i < 4; ++i) {
-            if (slots.txt[i][0] == '\0') continue;
-            snprintf(pNPInfo->szBackend, sizeof pNPInfo->szBackend, "%s", kPorts[i].backend);
-            if (qp::net::avahi_txt_read(slots.txt[i], pNPInfo) < 0) {
-                constexpr const char *kFailed[4] = {"BJNP", "Socket", "LPD", "IPP"};
-                QP_LOG_ERR("Failed to set network printer %s info: %s" QP_LOWER_FMT, kFailed[i], slots.txt[i],
-                           QP_LOWER_ARGS);
-                result = -1;
-            } else {
-                result = 0;
-            }
-            break;
+    return QP_GUARD(-1, {
+        if (!QLIBCIsProcAlive("avahi-daemon") && QLIBServiceStart("avahi", 0) < 0) {
+            // The browse runs all the same; without a daemon it lists nothing.
+            QP_LOG_ERR("Service start failed. " QP_LOWER_FMT, QP_LOWER_ARGS);
         }
-    }
-    browse.close();
-    errno = savedErrno;
-    return result;
+
+        qp::List pieces(1024);
+        if (!pieces) {
+            QP_SET_ERR(ERR_OUT_OF_MEMORY);
+            errno = 0;
+            return -1;
+        }
+
+        char szPattern[qp::net::kLineSize];
+        snprintf(szPattern, sizeof szPattern, ";%s;", szIP);
+
+        qp::Pipe browse(QLIBCPopen(qp::tool::kAvahiBrowse, "r", "-arpt", static_cast<char *>(nullptr)));
+        if (!browse) {
+            QP_LOG_ERR("open failed. " QP_LOWER_FMT, QP_LOWER_ARGS);
+            errno = 0;
+            return -1;
+        }
+
+        const int savedErrno = errno;
+        errno = 0;
+        qp::net::AvahiSlots slots = {};
+        int result = qp::net::avahi_read(browse.get(), szPattern, pieces.addr(), &slots);
+        if (result == 0) {
+            result = 1;
+            for (int i = 0; i < 4; ++i) {
+                if (slots.txt[i][0] == '\0') continue;
+                snprintf(pNPInfo->szBackend, sizeof pNPInfo->szBackend, "%s", kPorts[i].backend);
+                if (qp::net::avahi_txt_read(slots.txt[i], pNPInfo) < 0) {
+                    constexpr const char *kFailed[4] = {"BJNP", "Socket", "LPD", "IPP"};
+                    QP_LOG_ERR("Failed to set network printer %s info: %s" QP_LOWER_FMT, kFailed[i], slots.txt[i],
+                               QP_LOWER_ARGS);
+                    result = -1;
+                } else {
+                    result = 0;
+                }
+                break;
+            }
+        }
+        browse.close();
+        errno = savedErrno;
+        return result;
+    });
 }

@@ -11,6 +11,7 @@
 #include "frame.hpp"
 #include "net/net_scan.hpp"
 #include "owners.hpp"
+#include "tool_paths.hpp"
 
 namespace qp::net {
 
@@ -67,20 +68,21 @@ int bjnp_read(FILE *pPipe, const char *szIpPattern, PrinterNetInfo *pNPInfo) {
 
 QP_EXPORT int QORAPrinterNetBjnpInfoGet(const char *szIP, PrinterNetInfo *pNPInfo) {
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP) && QP_ARG(NULL != pNPInfo));
+    return QP_GUARD(-1, {
+        // "/ADDRESS:8611" keeps 10.0.0.2 from matching 10.0.0.20; cut to the
+        // buffer so that no text given as an address can overrun it.
+        char szPattern[32];
+        snprintf(szPattern, sizeof szPattern, "/%s:8611", szIP);
 
-    // "/ADDRESS:8611" keeps 10.0.0.2 from matching 10.0.0.20; cut to the
-    // buffer so that no text given as an address can overrun it.
-    char szPattern[32];
-    snprintf(szPattern, sizeof szPattern, "/%s:8611", szIP);
-
-    for (int attempt = 0; attempt < 3; ++attempt) {
-        qp::Pipe backend(QLIBCPopen("/usr/lib/cups/backend/bjnp", "r", static_cast<char *>(nullptr)));
-        if (!backend) continue;
-        const int found = qp::net::bjnp_read(backend.get(), szPattern, pNPInfo);
-        const int closed = backend.close();
-        if ((found == 0 || found == 1) && closed >= 0) return found;
-        sleep(1);
-    }
-    QP_SET_ERR(ERR_EXTERNAL_FAILED);
-    return -1;
+        for (int attempt = 0; attempt < 3; ++attempt) {
+            qp::Pipe backend(QLIBCPopen(qp::tool::kBjnpBackend, "r", static_cast<char *>(nullptr)));
+            if (!backend) continue;
+            const int found = qp::net::bjnp_read(backend.get(), szPattern, pNPInfo);
+            const int closed = backend.close();
+            if ((found == 0 || found == 1) && closed >= 0) return found;
+            sleep(1);
+        }
+        QP_SET_ERR(ERR_EXTERNAL_FAILED);
+        return -1;
+    });
 }

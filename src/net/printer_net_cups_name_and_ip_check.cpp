@@ -27,32 +27,33 @@ bool lpstat_queue_word(std::string_view line, std::string_view *word) {
 QP_EXPORT int QORAPrinterNetCupsNameAndIPCheck(const char *szIP, const char *szCupsPrinterName) {
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP) && QP_ARG(0 != szIP[0]) &&
                           QP_ARG(((void *)0) != szCupsPrinterName) && QP_ARG(0 != szCupsPrinterName[0]));
+    return QP_GUARD(-1, {
+        if (QLIBServiceIsRunning("cupsd") <= 0) {
+            QP_LOG_ERR("%s is not running.", "cupsd");
+            return 0;
+        }
+        const int printers = QORAPrinterEnumCount(3, nullptr);
+        if (printers < 0) {
+            QP_LOG_ERR("Failed to Enum Printers." QP_LOWER_FMT, QP_LOWER_ARGS);
+            return -1;
+        }
+        if (printers == 0) return 0;
 
-    if (QLIBServiceIsRunning("cupsd") <= 0) {
-        QP_LOG_ERR("%s is not running.", "cupsd");
-        return 0;
-    }
-    const int printers = QORAPrinterEnumCount(3, nullptr);
-    if (printers < 0) {
-        QP_LOG_ERR("Failed to Enum Printers." QP_LOWER_FMT, QP_LOWER_ARGS);
-        return -1;
-    }
-    if (printers == 0) return 0;
+        char szPattern[32];
+        snprintf(szPattern, sizeof szPattern, "/%s/", szIP);
 
-    char szPattern[32];
-    snprintf(szPattern, sizeof szPattern, "/%s/", szIP);
-
-    // The queue's first line decides.
-    int found = 0;
-    const qp::Listing listing = qp::list_queues([&](const char *line) {
-        std::string_view word;
-        if (!qp::net::lpstat_queue_word(line, &word) || word != szCupsPrinterName) return false;
-        found = strstr(line, szPattern) ? 1 : 2;
-        return true;
+        // The queue's first line decides.
+        int found = 0;
+        const qp::Listing listing = qp::list_queues([&](const char *line) {
+            std::string_view word;
+            if (!qp::net::lpstat_queue_word(line, &word) || word != szCupsPrinterName) return false;
+            found = strstr(line, szPattern) ? 1 : 2;
+            return true;
+        });
+        if (listing == qp::Listing::kFailed) {
+            QP_SET_ERR(ERR_EXTERNAL_FAILED);
+            return -1;
+        }
+        return found;
     });
-    if (listing == qp::Listing::kFailed) {
-        QP_SET_ERR(ERR_EXTERNAL_FAILED);
-        return -1;
-    }
-    return found;
 }

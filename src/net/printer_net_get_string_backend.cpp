@@ -14,6 +14,7 @@
 #include "names.hpp"
 #include "net/net_scan.hpp"
 #include "owners.hpp"
+#include "tool_paths.hpp"
 
 namespace qp::net {
 
@@ -77,67 +78,68 @@ QP_EXPORT int QORAPrinterNetGetStringBackend(const char *szIP, char *szBackend, 
                                              int iQNameSize) {
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP) && QP_ARG(((void *)0) != szBackend) && QP_ARG(NULL != szQName) &&
                           QP_ARG(qp::address_ok(szIP)));
-
-    qp::Pipe walk(QLIBCPopen("/usr/bin/snmpwalk", "r", "-v", "1", "-c", "tarvel", szIP, "enterprises",
-                             static_cast<char *>(nullptr)));
-    if (!walk) {
-        QP_LOG_ERR("open failed. " QP_LOWER_FMT, QP_LOWER_ARGS);
-        errno = 0;
-        return -1;
-    }
-    const int savedErrno = errno;
-    errno = 0;
-
-    char szUri[qp::net::kLineSize] = {};
-    const int found = qp::net::uri_read(walk.get(), szUri, sizeof szUri);
-    walk.close();
-    if (found != 0) {
-        errno = savedErrno;
-        return found;
-    }
-
-    // The scheme is the text before the first colon; a URI without a colon
-    // has no remainder, and the tokeniser refuses the absent text, which
-    // fails the query with the tokeniser's own error.
-    const char *szRemainder = nullptr;
-    if (char *colon = strchr(szUri, ':')) {
-        *colon = '\0';
-        szRemainder = colon + 1;
-    }
-    const char *szScheme = szUri;
-    if (strcasecmp(szScheme, "LPR") == 0) {
-        if (iBackendSize > 0) snprintf(szBackend, static_cast<size_t>(iBackendSize), "%s", "lpd");
-    } else if (strcasecmp(szScheme, "lpd") == 0 || strcasecmp(szScheme, "ipp") == 0 ||
-               strcasecmp(szScheme, "socket") == 0 || strcasecmp(szScheme, "bjnp") == 0) {
-        if (iBackendSize > 0) QLIBCStrCaseLower(szScheme, 0, szBackend, iBackendSize);
-    } else {
-        QP_LOG_ERR("Fetch network printer protocol and queue name error." QP_LOWER_FMT, QP_LOWER_ARGS);
-        errno = savedErrno;
-        return -1;
-    }
-
-    qp::List pieces(1024);
-    if (!pieces) {
-        QP_LOG_ERR("Failed to QLIBCSzListAlloc" QP_LOWER_FMT, QP_LOWER_ARGS);
-        QP_SET_ERR(ERR_OUT_OF_MEMORY);
-        QP_LOG_ERR("Fetch network printer protocol and queue name error." QP_LOWER_FMT, QP_LOWER_ARGS);
-        errno = savedErrno;
-        return -1;
-    }
-    if (QLIBCStrTok(szRemainder, "/", pieces.addr()) < 0) {
-        QP_LOG_ERR("Failed to QLIBCStrTok" QP_LOWER_FMT, QP_LOWER_ARGS);
-        QP_LOG_ERR("Fetch network printer protocol and queue name error." QP_LOWER_FMT, QP_LOWER_ARGS);
-        errno = savedErrno;
-        return -1;
-    }
-    // Piece 0 is the host (and port); only the first path segment counts.
-    if (iQNameSize > 0) {
-        if (pieces.size() > 1) {
-            snprintf(szQName, static_cast<size_t>(iQNameSize), "%s", pieces.at(1));
-        } else {
-            szQName[0] = '\0';
+    return QP_GUARD(-1, {
+        qp::Pipe walk(QLIBCPopen(qp::tool::kSnmpwalk, "r", "-v", "1", "-c", "tarvel", szIP, "enterprises",
+                                 static_cast<char *>(nullptr)));
+        if (!walk) {
+            QP_LOG_ERR("open failed. " QP_LOWER_FMT, QP_LOWER_ARGS);
+            errno = 0;
+            return -1;
         }
-    }
-    errno = savedErrno;
-    return 0;
+        const int savedErrno = errno;
+        errno = 0;
+
+        char szUri[qp::net::kLineSize] = {};
+        const int found = qp::net::uri_read(walk.get(), szUri, sizeof szUri);
+        walk.close();
+        if (found != 0) {
+            errno = savedErrno;
+            return found;
+        }
+
+        // The scheme is the text before the first colon; a URI without a colon
+        // has no remainder, and the tokeniser refuses the absent text, which
+        // fails the query with the tokeniser's own error.
+        const char *szRemainder = nullptr;
+        if (char *colon = strchr(szUri, ':')) {
+            *colon = '\0';
+            szRemainder = colon + 1;
+        }
+        const char *szScheme = szUri;
+        if (strcasecmp(szScheme, "LPR") == 0) {
+            if (iBackendSize > 0) snprintf(szBackend, static_cast<size_t>(iBackendSize), "%s", "lpd");
+        } else if (strcasecmp(szScheme, "lpd") == 0 || strcasecmp(szScheme, "ipp") == 0 ||
+                   strcasecmp(szScheme, "socket") == 0 || strcasecmp(szScheme, "bjnp") == 0) {
+            if (iBackendSize > 0) QLIBCStrCaseLower(szScheme, 0, szBackend, iBackendSize);
+        } else {
+            QP_LOG_ERR("Fetch network printer protocol and queue name error." QP_LOWER_FMT, QP_LOWER_ARGS);
+            errno = savedErrno;
+            return -1;
+        }
+
+        qp::List pieces(1024);
+        if (!pieces) {
+            QP_LOG_ERR("Failed to QLIBCSzListAlloc" QP_LOWER_FMT, QP_LOWER_ARGS);
+            QP_SET_ERR(ERR_OUT_OF_MEMORY);
+            QP_LOG_ERR("Fetch network printer protocol and queue name error." QP_LOWER_FMT, QP_LOWER_ARGS);
+            errno = savedErrno;
+            return -1;
+        }
+        if (QLIBCStrTok(szRemainder, "/", pieces.addr()) < 0) {
+            QP_LOG_ERR("Failed to QLIBCStrTok" QP_LOWER_FMT, QP_LOWER_ARGS);
+            QP_LOG_ERR("Fetch network printer protocol and queue name error." QP_LOWER_FMT, QP_LOWER_ARGS);
+            errno = savedErrno;
+            return -1;
+        }
+        // Piece 0 is the host (and port); only the first path segment counts.
+        if (iQNameSize > 0) {
+            if (pieces.size() > 1) {
+                snprintf(szQName, static_cast<size_t>(iQNameSize), "%s", pieces.at(1));
+            } else {
+                szQName[0] = '\0';
+            }
+        }
+        errno = savedErrno;
+        return 0;
+    });
 }

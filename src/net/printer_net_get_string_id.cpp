@@ -13,6 +13,7 @@
 #include "names.hpp"
 #include "net/net_scan.hpp"
 #include "owners.hpp"
+#include "tool_paths.hpp"
 
 namespace qp::net {
 
@@ -72,17 +73,18 @@ QP_EXPORT int QORAPrinterNetGetStringId(const char *szIP, char *szOutBuf, int iO
     const int savedErrno = errno;
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP) && QP_ARG(((void *)0) != szOutBuf) && QP_ARG(0 < iOutSize) &&
                           QP_ARG(qp::address_ok(szIP)));
-
-    memset(szOutBuf, 0, static_cast<size_t>(iOutSize));
-    qp::Pipe walk(QLIBCPopen("/usr/bin/snmpwalk", "r", "-v", "1", "-c", "tarvel", szIP, "enterprises",
-                             static_cast<char *>(nullptr)));
-    if (!walk) {
-        QP_LOG_ERR("open failed. " QP_LOWER_FMT, QP_LOWER_ARGS);
+    return QP_GUARD(-1, {
+        memset(szOutBuf, 0, static_cast<size_t>(iOutSize));
+        qp::Pipe walk(QLIBCPopen(qp::tool::kSnmpwalk, "r", "-v", "1", "-c", "tarvel", szIP, "enterprises",
+                                 static_cast<char *>(nullptr)));
+        if (!walk) {
+            QP_LOG_ERR("open failed. " QP_LOWER_FMT, QP_LOWER_ARGS);
+            errno = savedErrno;
+            return -1;
+        }
+        const int result = qp::net::string_id_read(walk.get(), szOutBuf, iOutSize);
+        walk.close();
         errno = savedErrno;
-        return -1;
-    }
-    const int result = qp::net::string_id_read(walk.get(), szOutBuf, iOutSize);
-    walk.close();
-    errno = savedErrno;
-    return result;
+        return result;
+    });
 }

@@ -8,31 +8,32 @@
 
 QP_EXPORT int QORAPrinterNetInfoGetByIP(const char *szIP, PrinterNetInfo *pNPInfo) {
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP) && QP_ARG(NULL != pNPInfo));
+    return QP_GUARD(-1, {
+        memset(pNPInfo, 0, sizeof *pNPInfo);
 
-    memset(pNPInfo, 0, sizeof *pNPInfo);
-
-    const int backend = QORAPrinterNetGetStringBackend(szIP, pNPInfo->szBackend, sizeof pNPInfo->szBackend,
-                                                       pNPInfo->szQName, sizeof pNPInfo->szQName);
-    if (backend == -1) {
-        QP_LOG_ERR("Failed to get network printer string Backend." QP_LOWER_FMT, QP_LOWER_ARGS);
-        return -1;
-    }
-
-    const int stringId = QORAPrinterNetGetStringId(szIP, pNPInfo->szStringId, sizeof pNPInfo->szStringId);
-    if (stringId < 0) {
-        QP_LOG_ERR("Failed to get network printer string ID." QP_LOWER_FMT, QP_LOWER_ARGS);
-        return -1;
-    }
-
-    if (stringId == 0) {
-        if (QORAPrinterConfStringIdGetVendor(pNPInfo->szStringId, pNPInfo->szVendor, sizeof pNPInfo->szVendor) < 0) {
-            QP_LOG_ERR("Failed to get network printer brand from string ID." QP_LOWER_FMT, QP_LOWER_ARGS);
+        const int backend = QORAPrinterNetGetStringBackend(szIP, pNPInfo->szBackend, sizeof pNPInfo->szBackend,
+                                                           pNPInfo->szQName, sizeof pNPInfo->szQName);
+        if (backend == -1) {
+            QP_LOG_ERR("Failed to get network printer string Backend." QP_LOWER_FMT, QP_LOWER_ARGS);
             return -1;
         }
-        if (QORAPrinterConfStringIdGetModel(pNPInfo->szStringId, pNPInfo->szModel, sizeof pNPInfo->szModel) < 0) {
-            QP_LOG_ERR("Failed to get network printer model from string ID." QP_LOWER_FMT, QP_LOWER_ARGS);
+
+        const int stringId = QORAPrinterNetGetStringId(szIP, pNPInfo->szStringId, sizeof pNPInfo->szStringId);
+        if (stringId < 0) {
+            QP_LOG_ERR("Failed to get network printer string ID." QP_LOWER_FMT, QP_LOWER_ARGS);
             return -1;
         }
-    }
-    return (backend == 1 || stringId == 1) ? 1 : 0;
+
+        if (stringId == 0) {
+            if (QORAPrinterConfStringIdGetVendor(pNPInfo->szStringId, pNPInfo->szVendor, sizeof pNPInfo->szVendor) < 0) {
+                QP_LOG_ERR("Failed to get network printer brand from string ID." QP_LOWER_FMT, QP_LOWER_ARGS);
+                return -1;
+            }
+            if (QORAPrinterConfStringIdGetModel(pNPInfo->szStringId, pNPInfo->szModel, sizeof pNPInfo->szModel) < 0) {
+                QP_LOG_ERR("Failed to get network printer model from string ID." QP_LOWER_FMT, QP_LOWER_ARGS);
+                return -1;
+            }
+        }
+        return (backend == 1 || stringId == 1) ? 1 : 0;
+    });
 }

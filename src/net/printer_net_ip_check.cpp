@@ -11,27 +11,28 @@
 
 QP_EXPORT int QORAPrinterNetIPCheck(const char *szIP) {
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP));
+    return QP_GUARD(-1, {
+        if (QLIBServiceIsRunning("cupsd") <= 0) {
+            QP_LOG_DEBUG("%s is not running.", "cupsd");
+            return 1;
+        }
+        const int printers = QORAPrinterEnumCount(3, nullptr);
+        if (printers < 0) {
+            QP_LOG_ERR("Failed to Enum Printers." QP_LOWER_FMT, QP_LOWER_ARGS);
+            return -1;
+        }
+        if (printers == 0) return 1;
 
-    if (QLIBServiceIsRunning("cupsd") <= 0) {
-        QP_LOG_DEBUG("%s is not running.", "cupsd");
-        return 1;
-    }
-    const int printers = QORAPrinterEnumCount(3, nullptr);
-    if (printers < 0) {
-        QP_LOG_ERR("Failed to Enum Printers." QP_LOWER_FMT, QP_LOWER_ARGS);
+        // Cut to the buffer: a longer "address" cannot be a queue's host anyway.
+        char szPattern[32];
+        snprintf(szPattern, sizeof szPattern, "/%s/", szIP);
+
+        switch (qp::list_queues([&](const char *line) { return strstr(line, szPattern) != nullptr; })) {
+        case qp::Listing::kStopped: return 0;
+        case qp::Listing::kComplete: return 1;
+        case qp::Listing::kFailed: break;
+        }
+        QP_SET_ERR(ERR_EXTERNAL_FAILED);
         return -1;
-    }
-    if (printers == 0) return 1;
-
-    // Cut to the buffer: a longer "address" cannot be a queue's host anyway.
-    char szPattern[32];
-    snprintf(szPattern, sizeof szPattern, "/%s/", szIP);
-
-    switch (qp::list_queues([&](const char *line) { return strstr(line, szPattern) != nullptr; })) {
-    case qp::Listing::kStopped: return 0;
-    case qp::Listing::kComplete: return 1;
-    case qp::Listing::kFailed: break;
-    }
-    QP_SET_ERR(ERR_EXTERNAL_FAILED);
-    return -1;
+    });
 }

@@ -10,6 +10,7 @@
 #include "names.hpp"
 #include "net/net_scan.hpp"
 #include "owners.hpp"
+#include "tool_paths.hpp"
 
 namespace qp::net {
 
@@ -61,17 +62,18 @@ int ping_read(FILE *out, char *szStatus, int cbStatus) {
 QP_EXPORT int QORAPrinterNetPingStatus(const char *szIP, char *szStatus, int cbStatus) {
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP) && QP_ARG(((void *)0) != szStatus) && QP_ARG(0 < cbStatus) &&
                           QP_ARG(qp::address_ok(szIP)));
-
-    qp::Pipe ping(QLIBCPopen("/bin/ping", "r", "-w", "1", szIP, static_cast<char *>(nullptr)));
-    if (!ping) {
-        QP_SET_ERR(ERR_OPEN_FAILED);
+    return QP_GUARD(-1, {
+        qp::Pipe ping(QLIBCPopen(qp::tool::kPing, "r", "-w", "1", szIP, static_cast<char *>(nullptr)));
+        if (!ping) {
+            QP_SET_ERR(ERR_OPEN_FAILED);
+            errno = 0;
+            return -1;
+        }
+        const int savedErrno = errno;
         errno = 0;
-        return -1;
-    }
-    const int savedErrno = errno;
-    errno = 0;
-    const int result = qp::net::ping_read(ping.get(), szStatus, cbStatus);
-    ping.close();
-    errno = savedErrno;
-    return result;
+        const int result = qp::net::ping_read(ping.get(), szStatus, cbStatus);
+        ping.close();
+        errno = savedErrno;
+        return result;
+    });
 }

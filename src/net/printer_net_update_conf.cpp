@@ -55,31 +55,32 @@ int remove_entry(const char *ip, const char *queue) {
 
 QP_EXPORT int QORAPrinterNetUpdateConf(int iAction, const PrinterNetConf *pNPConf) {
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != pNPConf));
+    return QP_GUARD(-1, {
+        char ip[sizeof(pNPConf->szIP) + 1];
+        char queue[sizeof(pNPConf->szCupsPrinterName) + 1];
+        copy_field(ip, pNPConf->szIP);
+        copy_field(queue, pNPConf->szCupsPrinterName);
 
-    char ip[sizeof(pNPConf->szIP) + 1];
-    char queue[sizeof(pNPConf->szCupsPrinterName) + 1];
-    copy_field(ip, pNPConf->szIP);
-    copy_field(queue, pNPConf->szCupsPrinterName);
-
-    int rc = 0;
-    if (iAction != 0) {
-        if (QLIBCFileSetKeyValue(qp::path::kNptab, ip, queue, qp::path::kKeyValueFmt) < 0) {
-            QP_LOG_ERR("Set nptab failed, devname=%s, device=%s", ip, queue);
-            rc = -1;
+        int rc = 0;
+        if (iAction != 0) {
+            if (QLIBCFileSetKeyValue(qp::path::kNptab, ip, queue, qp::path::kKeyValueFmt) < 0) {
+                QP_LOG_ERR("Set nptab failed, devname=%s, device=%s", ip, queue);
+                rc = -1;
+            }
+        } else {
+            rc = remove_entry(ip, queue);
         }
-    } else {
-        rc = remove_entry(ip, queue);
-    }
-    if (rc < 0) {
-        QP_LOG_ERR("%s update entry %s=%s failed.(action=%d)" QP_CODE_FMT, qp::path::kNptab, ip, queue, iAction,
-                   QLIBCErrGet());
-        return -1;
-    }
-    if (iAction == 0) return 0;
+        if (rc < 0) {
+            QP_LOG_ERR("%s update entry %s=%s failed.(action=%d)" QP_CODE_FMT, qp::path::kNptab, ip, queue, iAction,
+                       QLIBCErrGet());
+            return -1;
+        }
+        if (iAction == 0) return 0;
 
-    if (QORAPrinterSmbConfSetup() < 0) {
-        QP_LOG_ERR("update smb.conf failed, printer=%s" QP_LOWER_FMT, ip, QP_LOWER_ARGS);
-        return -1;
-    }
-    return 0;
+        if (QORAPrinterSmbConfSetup() < 0) {
+            QP_LOG_ERR("update smb.conf failed, printer=%s" QP_LOWER_FMT, ip, QP_LOWER_ARGS);
+            return -1;
+        }
+        return 0;
+    });
 }

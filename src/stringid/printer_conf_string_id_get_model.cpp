@@ -6,8 +6,10 @@
 #include "frame.hpp"
 
 QP_EXPORT int QORAPrinterConfStringIdGetModel(char *szStringId, char *szBuf, int cbBuf) {
-    static constexpr const char *kKeys[] = {"MODEL:", "MDL:", "DESCRIPTION:", "DES:"};
-    for (const char *key : kKeys)
-        if (::QORAPrinterConfStringIdParse(szStringId, key, szBuf, cbBuf) == 0) return 0;
-    return -1;
+    return QP_GUARD(-1, {
+        static constexpr const char *kKeys[] = {"MODEL:", "MDL:", "DESCRIPTION:", "DES:"};
+        for (const char *key : kKeys)
+            if (::QORAPrinterConfStringIdParse(szStringId, key, szBuf, cbBuf) == 0) return 0;
+        return -1;
+    });
 }

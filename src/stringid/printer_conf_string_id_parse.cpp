@@ -36,18 +36,19 @@ QP_EXPORT int QORAPrinterConfStringIdParse(char *szStringId, const char *szType,
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szStringId) && QP_ARG(0 != szStringId[0]) &&
                           QP_ARG(((void *)0) != szType) && QP_ARG(0 != szType[0]) &&
                           QP_ARG(((void *)0) != szBuf) && QP_ARG(0 < cbBuf));
+    return QP_GUARD(-1, {
+        const std::string_view id(szStringId);
+        const std::string_view key(szType);
+        const std::size_t at = find_key(id, key);
+        if (at == std::string_view::npos) return -1;
 
-    const std::string_view id(szStringId);
-    const std::string_view key(szType);
-    const std::size_t at = find_key(id, key);
-    if (at == std::string_view::npos) return -1;
+        std::string_view value = id.substr(at + key.size());
+        value = value.substr(0, value.find(';'));
 
-    std::string_view value = id.substr(at + key.size());
-    value = value.substr(0, value.find(';'));
-
-    const std::size_t n = value.size() < static_cast<std::size_t>(cbBuf) - 1 ? value.size()
-                                                                               : static_cast<std::size_t>(cbBuf) - 1;
-    value.copy(szBuf, n);
-    szBuf[n] = '\0';
-    return 0;
+        const std::size_t n = value.size() < static_cast<std::size_t>(cbBuf) - 1 ? value.size()
+                                                                                   : static_cast<std::size_t>(cbBuf) - 1;
+        value.copy(szBuf, n);
+        szBuf[n] = '\0';
+        return 0;
+    });
 }

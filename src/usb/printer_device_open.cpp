@@ -26,29 +26,31 @@ bool has_parent_component(const char *name) {
 }  // namespace
 
 QP_EXPORT int QORAPrinterDevOpen(const char *szDevName, int iRetry) {
-    if (szDevName == nullptr || has_parent_component(szDevName)) {
-        QP_LOG_ERR("bad parameter.");
-        errno = EINVAL;
-        return -1;
-    }
-
-    char szPath[256];
-    if (strncmp(szDevName, "/dev/", 5) == 0)
-        snprintf(szPath, sizeof(szPath), "%s", szDevName);
-    else
-        snprintf(szPath, sizeof(szPath), "/dev/usb/%s", szDevName);
-
-    for (int tries = 0;; ++tries) {
-        int fd = open(szPath, O_RDONLY | O_CLOEXEC);
-        if (fd >= 0) return fd;
-        if (errno != EBUSY) return -1;
-        if (tries >= iRetry) {
-            QP_LOG_ERR("%s device open fail reach max, abort.", szDevName);
-            errno = EBUSY;
+    return QP_GUARD(-1, {
+        if (szDevName == nullptr || has_parent_component(szDevName)) {
+            QP_LOG_ERR("bad parameter.");
+            errno = EINVAL;
             return -1;
         }
-        QP_LOG_DEBUG("%s device busy, retring...", szDevName);
-        sleep(1);
-        errno = EBUSY;
-    }
+
+        char szPath[256];
+        if (strncmp(szDevName, "/dev/", 5) == 0)
+            snprintf(szPath, sizeof(szPath), "%s", szDevName);
+        else
+            snprintf(szPath, sizeof(szPath), "/dev/usb/%s", szDevName);
+
+        for (int tries = 0;; ++tries) {
+            int fd = open(szPath, O_RDONLY | O_CLOEXEC);
+            if (fd >= 0) return fd;
+            if (errno != EBUSY) return -1;
+            if (tries >= iRetry) {
+                QP_LOG_ERR("%s device open fail reach max, abort.", szDevName);
+                errno = EBUSY;
+                return -1;
+            }
+            QP_LOG_DEBUG("%s device busy, retring...", szDevName);
+            sleep(1);
+            errno = EBUSY;
+        }
+    });
 }

@@ -22,41 +22,43 @@ constexpr int kTries = 8;
 }  // namespace
 
 QP_EXPORT int QORAPrinterGetStringId(const char *szDevName, char *szBuf, int cbBuf) {
-    // Callers pass a name, a buffer and a positive size; a missing buffer is
-    // refused before the device is touched rather than written through.
-    if (szBuf == nullptr || cbBuf <= 0) return -1;
+    return QP_GUARD(-1, {
+        // Callers pass a name, a buffer and a positive size; a missing buffer is
+        // refused before the device is touched rather than written through.
+        if (szBuf == nullptr || cbBuf <= 0) return -1;
 
-    qp::UniqueFd fd(QORAPrinterDevOpen(szDevName, kTries));
-    if (!fd.valid()) {
-        int err = errno;
-        QP_LOG_DEBUG("open device [%s] error:(%d) %s", szDevName ? szDevName : "(null)", err, strerror(err));
-        return -1;
-    }
+        qp::UniqueFd fd(QORAPrinterDevOpen(szDevName, kTries));
+        if (!fd.valid()) {
+            int err = errno;
+            QP_LOG_DEBUG("open device [%s] error:(%d) %s", szDevName ? szDevName : "(null)", err, strerror(err));
+            return -1;
+        }
 
-    unsigned char reply[kReplySize];
-    memset(reply, 0, sizeof(reply));
+        unsigned char reply[kReplySize];
+        memset(reply, 0, sizeof(reply));
 
-    int rc = -1;
-    for (int failed = 0; failed < kTries; ++failed) {
-        rc = ioctl(fd.get(), kLpiocGetDeviceId, reply);
-        if (rc == 0) break;
-        int err = errno;
-        QP_LOG_ERR("ioctl LPIOC_GET_DEVICE_ID error:(%d) %s, retry: %d", err, strerror(err), failed);
-        sleep(1);
-        errno = err;
-    }
-    if (rc < 0) {
-        int err = errno;
-        QP_LOG_ERR("ioctl LPIOC_GET_DEVICE_ID error:(%d) %s", err, strerror(err));
-        return -1;
-    }
+        int rc = -1;
+        for (int failed = 0; failed < kTries; ++failed) {
+            rc = ioctl(fd.get(), kLpiocGetDeviceId, reply);
+            if (rc == 0) break;
+            int err = errno;
+            QP_LOG_ERR("ioctl LPIOC_GET_DEVICE_ID error:(%d) %s, retry: %d", err, strerror(err), failed);
+            sleep(1);
+            errno = err;
+        }
+        if (rc < 0) {
+            int err = errno;
+            QP_LOG_ERR("ioctl LPIOC_GET_DEVICE_ID error:(%d) %s", err, strerror(err));
+            return -1;
+        }
 
-    int length = (reply[0] << 8) | reply[1];
-    const char *text = reinterpret_cast<const char *>(reply + 2);
-    size_t n = strnlen(text, kReplySize - 2);
-    if (n > static_cast<size_t>(cbBuf - 1)) n = static_cast<size_t>(cbBuf - 1);
-    memcpy(szBuf, text, n);
-    szBuf[n] = '\0';
+        int length = (reply[0] << 8) | reply[1];
+        const char *text = reinterpret_cast<const char *>(reply + 2);
+        size_t n = strnlen(text, kReplySize - 2);
+        if (n > static_cast<size_t>(cbBuf - 1)) n = static_cast<size_t>(cbBuf - 1);
+        memcpy(szBuf, text, n);
+        szBuf[n] = '\0';
 
-    return length > cbBuf ? length : 0;
+        return length > cbBuf ? length : 0;
+    });
 }

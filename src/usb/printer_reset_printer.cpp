@@ -16,16 +16,18 @@ constexpr unsigned long kLpiocSoftReset = 0x5009UL;  // 'P' 9, no data
 }  // namespace
 
 QP_EXPORT int QORAResetPrinter(const char *szDevName) {
-    qp::UniqueFd fd(QORAPrinterDevOpen(szDevName, 8));
-    if (!fd.valid()) {
-        int err = errno;
-        QP_LOG_ERR("open device [%s] error:(%d) %s", szDevName ? szDevName : "(null)", err, strerror(err));
-        return -1;
-    }
-    if (ioctl(fd.get(), kLpiocSoftReset) != 0) {
-        int err = errno;
-        QP_LOG_ERR("ioctl LPIOC_SOFT_RESET error:(%d) %s", err, strerror(err));
-        return -1;
-    }
-    return 0;
+    return QP_GUARD(-1, {
+        qp::UniqueFd fd(QORAPrinterDevOpen(szDevName, 8));
+        if (!fd.valid()) {
+            int err = errno;
+            QP_LOG_ERR("open device [%s] error:(%d) %s", szDevName ? szDevName : "(null)", err, strerror(err));
+            return -1;
+        }
+        if (ioctl(fd.get(), kLpiocSoftReset) != 0) {
+            int err = errno;
+            QP_LOG_ERR("ioctl LPIOC_SOFT_RESET error:(%d) %s", err, strerror(err));
+            return -1;
+        }
+        return 0;
+    });
 }

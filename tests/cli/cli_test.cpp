@@ -61,9 +61,8 @@ TEST(Cli, Contract) {
         {{"stringid", "vendor", ""}, 1, "",
          "stringid vendor failed: ERR_BAD_PARAMETER (0x0D00).\n  The library logged: printer_conf_string_id_parse"},
         {{"print", "P0", "/tmp/page.txt"}, 1, "",
-         "print failed: ERR_EXTERNAL_FAILED (0x2A00).\n  The library logged: printer_cups_print_file.cpp:34 execv "
-         "error, cmd=/usr/bin/lpr, ret=1\n  /usr/bin/lpr exited with status 1: /usr/bin/lpr: Error - The printer or "
-         "class does not exist."},
+         " execv error, cmd=/usr/bin/lpr, ret=1\n  /usr/bin/lpr exited with status 1: /usr/bin/lpr: Error - The "
+         "printer or class does not exist."},
     };
     for (const auto &c : cases) {
         const auto r = cli(c.args);
