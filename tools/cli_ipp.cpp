@@ -17,7 +17,7 @@
 #include <algorithm>
 
 #include "cli.hpp"
-#include "tool_paths.hpp"
+#include "paths.hpp"
 
 namespace qpipp {
 namespace {

@@ -80,6 +80,9 @@ int read_whole_fd(int fd, std::string &out);
 // ENOENT) and over qp::safefile::kTableLimit is EFBIG; elsewhere a
 // non-regular file is ENOENT.  0 or errno.
 int read_table(const char *path, std::string &out);
+// read_table that records its failure in the error slot (ERR_OPEN_FAILED for
+// a missing file, ERR_READ_FAILED otherwise); 0 or -1.
+int read_table_or_fail(const char *path, std::string &out);
 
 // Creates the directory and its parents (mode for new ones); 0 or errno.
 int make_dirs(const std::string &dir, mode_t mode);

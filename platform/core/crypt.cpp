@@ -83,6 +83,12 @@ bool load_key(unsigned char key[kKeyBytes]) {
     return create_key() && read_key(key) == KeyState::Ok;
 }
 
+bool load_key_or_fail(unsigned char key[kKeyBytes]) {
+    if (load_key(key)) return true;
+    QC_FAIL(ERR_OPEN_FAILED);
+    return false;
+}
+
 // The associated data: the name the value is stored under.
 const unsigned char *ad_of(const char *name) { return reinterpret_cast<const unsigned char *>(name ? name : ""); }
 unsigned long long ad_len(const char *name) { return name ? strlen(name) : 0; }
@@ -99,10 +105,7 @@ int encrypt_named(const char *szName, const char *szPlain, char *szBuf, int cbBu
         return 0;
     }
     unsigned char key[kKeyBytes];
-    if (!load_key(key)) {
-        QC_FAIL(ERR_OPEN_FAILED);
-        return 0;
-    }
+    if (!load_key_or_fail(key)) return 0;
     std::vector<unsigned char> bin(bin_len);
     randombytes_buf(bin.data(), kNonceBytes);
     unsigned long long sealed_len = 0;
@@ -134,10 +137,7 @@ int decrypt_named(const char *szName, const char *szStored, char *szBuf, int cbB
         return 0;
     }
     unsigned char key[kKeyBytes];
-    if (!load_key(key)) {
-        QC_FAIL(ERR_OPEN_FAILED);
-        return 0;
-    }
+    if (!load_key_or_fail(key)) return 0;
     std::vector<unsigned char> plain(plain_len);
     unsigned long long opened = 0;
     int rc = crypto_aead_xchacha20poly1305_ietf_decrypt(plain.data(), &opened, nullptr, bin.data() + kNonceBytes,

@@ -204,6 +204,15 @@ std::map<FILE *, std::unique_ptr<Stream>> g_popen_children;
 
 bool path_ok(const char *path) { return path && path[0] == '/'; }
 
+// Appends NULL-ended variadic arguments, at most kMaxArgs of them.
+void append_args(std::vector<std::string> &argv, va_list ap) {
+    for (int i = 0; i < kMaxArgs; ++i) {
+        const char *a = va_arg(ap, const char *);
+        if (!a) break;
+        argv.emplace_back(a);
+    }
+}
+
 }  // namespace
 
 namespace qc {
@@ -337,11 +346,7 @@ extern "C" QLIBC_API int QLIBCExecl(const char *szPath, int iOptions, ...) {
         std::vector<std::string> argv{szPath};
         va_list ap;
         va_start(ap, iOptions);
-        for (int i = 0; i < kMaxArgs; ++i) {
-            const char *a = va_arg(ap, const char *);
-            if (!a) break;
-            argv.emplace_back(a);
-        }
+        append_args(argv, ap);
         va_end(ap);
         return run_and_wait(szPath, argv);
     } catch (const std::bad_alloc &) {
@@ -378,11 +383,7 @@ extern "C" QLIBC_API FILE *QLIBCPopen(const char *szPath, const char *szMode, ..
         std::vector<std::string> argv{szPath};
         va_list ap;
         va_start(ap, szMode);
-        for (int i = 0; i < kMaxArgs; ++i) {
-            const char *a = va_arg(ap, const char *);
-            if (!a) break;
-            argv.emplace_back(a);
-        }
+        append_args(argv, ap);
         va_end(ap);
 
         if (refuse_if_unwaitable()) return nullptr;

@@ -37,13 +37,11 @@ bool prepare_key(const char *key, std::string &out) {
     return !out.empty() && out.find('=') == std::string::npos && out.front() != '[';
 }
 
-int read_file_or_fail(const char *path, std::string &data) {
-    int rc = qc::read_table(path, data);
-    if (rc != 0) {
-        QC_FAIL(rc == ENOENT ? ERR_OPEN_FAILED : ERR_READ_FAILED);
-        return -1;
-    }
-    return 0;
+// prepare_key for the entry points: a refused key is a bad parameter.
+bool key_or_fail(const char *key, std::string &out) {
+    if (prepare_key(key, out)) return true;
+    QC_FAIL(ERR_BAD_PARAMETER);
+    return false;
 }
 
 }  // namespace
@@ -57,12 +55,9 @@ extern "C" QLIBC_API int QLIBCFileGetKeyValue(const char *szFile, const char *sz
     }
     try {
         std::string key;
-        if (!prepare_key(szKey, key)) {
-            QC_FAIL(ERR_BAD_PARAMETER);
-            return -1;
-        }
+        if (!key_or_fail(szKey, key)) return -1;
         std::string data;
-        if (read_file_or_fail(szFile, data) < 0) return -1;
+        if (qc::read_table_or_fail(szFile, data) < 0) return -1;
         qc::Line line;
         for (size_t pos = 0; qc::next_line(data, pos, line);) {
             KvEntry e;
@@ -83,7 +78,7 @@ extern "C" QLIBC_API int QLIBCFileGetPair(const char *szFile, PQLIBSZHASH *ppHas
     }
     try {
         std::string data;
-        if (read_file_or_fail(szFile, data) < 0) return -1;
+        if (qc::read_table_or_fail(szFile, data) < 0) return -1;
         if (!*ppHash && !(*ppHash = QLIBCSzHashAlloc(64))) return -1;
         // The first line of a key counts, as for QLIBCFileGetKeyValue.
         qc::FirstEntries entries(ppHash);
@@ -145,10 +140,7 @@ extern "C" QLIBC_API int QLIBCFileRemoveKey(const char *szFile, const char *szKe
     }
     try {
         std::string key;
-        if (!prepare_key(szKey, key)) {
-            QC_FAIL(ERR_BAD_PARAMETER);
-            return -1;
-        }
+        if (!key_or_fail(szKey, key)) return -1;
         // Nothing to remove from a file that is not there; no lock file either.
         if (!QLIBCFileExist(szFile)) return 0;
         int rc = qc::rewrite_file(szFile, [&](bool exists, std::string_view old, qc::Splice &out) {

@@ -134,15 +134,6 @@ bool render_entries(PQLIBSZHASH hash, const char *fmt, std::string &out) {
     return true;
 }
 
-int read_or_fail(const char *path, std::string &data) {
-    int rc = qc::read_table(path, data);
-    if (rc != 0) {
-        QC_FAIL(rc == ENOENT ? ERR_OPEN_FAILED : ERR_READ_FAILED);
-        return -1;
-    }
-    return 0;
-}
-
 }  // namespace
 
 extern "C" QLIBC_API int QLIBCFileGetSection(const char *szFile, const char *szSection, PQLIBSZHASH *ppHash) {
@@ -156,7 +147,7 @@ extern "C" QLIBC_API int QLIBCFileGetSection(const char *szFile, const char *szS
             QC_FAIL(ERR_BAD_PARAMETER);
             return -1;
         }
-        if (read_or_fail(szFile, data) < 0) return -1;
+        if (qc::read_table_or_fail(szFile, data) < 0) return -1;
         Header h;
         if (!find_section(data, name, h)) return 0;
         if (!*ppHash && !(*ppHash = QLIBCSzHashAlloc(64))) return -1;
@@ -185,7 +176,7 @@ extern "C" QLIBC_API int QLIBCFileGetSectionValue(const char *szFile, const char
             QC_FAIL(ERR_BAD_PARAMETER);
             return -1;
         }
-        if (read_or_fail(szFile, data) < 0) return -1;
+        if (qc::read_table_or_fail(szFile, data) < 0) return -1;
         Header h;
         if (find_section(data, name, h)) {
             Line line;

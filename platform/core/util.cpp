@@ -170,6 +170,13 @@ int read_table(const char *path, std::string &out) {
     return shared ? sf::read_bounded(fd.get(), out, sf::kTableLimit) : read_whole_fd(fd.get(), out);
 }
 
+int read_table_or_fail(const char *path, std::string &out) {
+    const int rc = read_table(path, out);
+    if (rc == 0) return 0;
+    QC_FAIL(rc == ENOENT ? ERR_OPEN_FAILED : ERR_READ_FAILED);
+    return -1;
+}
+
 int make_dirs(const std::string &dir, mode_t mode) {
     if (dir.empty()) return 0;
     struct stat st {};

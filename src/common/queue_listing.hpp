@@ -10,7 +10,7 @@
 
 #include "owners.hpp"
 #include "qoracore.h"
-#include "tool_paths.hpp"
+#include "paths.hpp"
 
 namespace qp {
 

@@ -8,7 +8,6 @@
 #include "internal.hpp"
 #include "names.hpp"
 #include "paths.hpp"
-#include "tool_paths.hpp"
 
 int printer_backup_ppd(const char *szPpdFile, const char *szPrinterId) {
     return QP_GUARD(-1, {

@@ -10,7 +10,6 @@
 
 #include "frame.hpp"
 #include "paths.hpp"
-#include "tool_paths.hpp"
 
 namespace {
 

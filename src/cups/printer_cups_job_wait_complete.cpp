@@ -19,7 +19,7 @@
 #include "names.hpp"
 #include "owners.hpp"
 #include "qorasdk.h"
-#include "tool_paths.hpp"
+#include "paths.hpp"
 
 namespace {
 

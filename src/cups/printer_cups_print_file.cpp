@@ -4,7 +4,7 @@
 #include "cups/cups_argv.hpp"
 #include "frame.hpp"
 #include "names.hpp"
-#include "tool_paths.hpp"
+#include "paths.hpp"
 
 QP_EXPORT int QORAPrinterCupsPrintFile(const char *szPrinterId, const char *szFile, const char *szTitle,
                                        int blRemove) {

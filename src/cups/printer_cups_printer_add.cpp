@@ -20,7 +20,6 @@
 #include "paths.hpp"
 #include "qorasdk.h"
 #include "queue_listing.hpp"
-#include "tool_paths.hpp"
 
 namespace {
 

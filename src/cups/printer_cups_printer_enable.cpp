@@ -5,7 +5,7 @@
 
 #include "frame.hpp"
 #include "names.hpp"
-#include "tool_paths.hpp"
+#include "paths.hpp"
 
 namespace {
 

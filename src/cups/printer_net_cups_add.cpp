@@ -13,7 +13,6 @@
 #include "names.hpp"
 #include "paths.hpp"
 #include "qorasdk.h"
-#include "tool_paths.hpp"
 
 namespace {
 

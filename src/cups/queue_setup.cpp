@@ -8,7 +8,6 @@
 #include "frame.hpp"
 #include "internal.hpp"
 #include "paths.hpp"
-#include "tool_paths.hpp"
 
 namespace qp::cups {
 

@@ -16,7 +16,7 @@
 #include "net/net_scan.hpp"
 #include "owners.hpp"
 #include "qorasdk.h"
-#include "tool_paths.hpp"
+#include "paths.hpp"
 
 namespace {
 

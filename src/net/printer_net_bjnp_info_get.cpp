@@ -11,7 +11,7 @@
 #include "frame.hpp"
 #include "net/net_scan.hpp"
 #include "owners.hpp"
-#include "tool_paths.hpp"
+#include "paths.hpp"
 
 namespace qp::net {
 

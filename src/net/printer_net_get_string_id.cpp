@@ -13,7 +13,7 @@
 #include "names.hpp"
 #include "net/net_scan.hpp"
 #include "owners.hpp"
-#include "tool_paths.hpp"
+#include "paths.hpp"
 
 namespace qp::net {
 

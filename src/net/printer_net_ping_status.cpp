@@ -10,7 +10,7 @@
 #include "names.hpp"
 #include "net/net_scan.hpp"
 #include "owners.hpp"
-#include "tool_paths.hpp"
+#include "paths.hpp"
 
 namespace qp::net {
 

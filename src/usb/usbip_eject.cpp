@@ -1,7 +1,7 @@
 // QORAPrinterUsbipEject: asks the USB/IP tool to eject a shared printer.
 #include "frame.hpp"
 #include "names.hpp"
-#include "tool_paths.hpp"
+#include "paths.hpp"
 
 QP_EXPORT int QORAPrinterUsbipEject(const char *szPrinterId) {
     QP_CHECK_QUIET(-1, szPrinterId != nullptr && szPrinterId[0] != '\0');

@@ -5,7 +5,7 @@
 
 #include "frame.hpp"
 #include "names.hpp"
-#include "tool_paths.hpp"
+#include "paths.hpp"
 
 QP_EXPORT int QORAPrinterUsbipLockRelease(const char *szPrinterId) {
     QP_CHECK_QUIET(-1, szPrinterId != nullptr && szPrinterId[0] != '\0');
