@@ -8,15 +8,14 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "cups/cups_scan.hpp"
 #include "frame.hpp"
 #include "owners.hpp"
 #include "qorasdk.h"
 
-namespace {
+namespace qp::cups {
 
-// -1: the listing was cut short by a signal; 0: no line names the queue;
-// 1: the first line naming it also names the printer; 2: it names another.
-int scan_listing(FILE *pPipe, const char *szPrinterId, const char *szCupsPrinterName) {
+int name_check_scan(FILE *pPipe, const char *szPrinterId, const char *szCupsPrinterName) {
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != pPipe) && QP_ARG(((void *)0) != szPrinterId) &&
                           QP_ARG(NULL != szCupsPrinterName));
     const int saved_errno = errno;
@@ -38,7 +37,7 @@ int scan_listing(FILE *pPipe, const char *szPrinterId, const char *szCupsPrinter
     return answer;
 }
 
-}  // namespace
+}  // namespace qp::cups
 
 QP_EXPORT int QORAPrinterCupsNameCheck(const char *szPrinterId, const char *szCupsPrinterName) {
     return QP_GUARD(-1, {
@@ -54,7 +53,7 @@ QP_EXPORT int QORAPrinterCupsNameCheck(const char *szPrinterId, const char *szCu
         for (int attempt = 0; attempt < 3; ++attempt) {
             qp::Pipe pipe(QLIBCPopen("/usr/bin/lpstat", "r", "-v", (char *)NULL));
             if (!pipe) continue;  // could not start: no pause
-            int answer = scan_listing(pipe.get(), szPrinterId, szCupsPrinterName);
+            int answer = qp::cups::name_check_scan(pipe.get(), szPrinterId, szCupsPrinterName);
             int closed = pipe.close();
             if (answer >= 0 && closed >= 0) return answer;
             sleep(1);

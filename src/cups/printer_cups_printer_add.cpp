@@ -11,11 +11,34 @@
 #include <unistd.h>
 
 #include "cups/cups_argv.hpp"
+#include "cups/cups_scan.hpp"
 #include "frame.hpp"
 #include "internal.hpp"
 #include "owners.hpp"
 #include "paths.hpp"
 #include "qorasdk.h"
+
+namespace qp::cups {
+
+bool usb_names_scan(FILE *pPipe, bool &seen1, bool &seen2) {
+    const int saved_errno = errno;
+    char line[1024];
+    for (;;) {
+        errno = 0;
+        if (!fgets(line, sizeof line, pPipe)) break;
+        QLIBCStrTrim(line, 0, 0);
+        if (!seen1 && strstr(line, "usbprinter1")) {
+            seen1 = true;
+            continue;
+        }
+        if (!seen2 && strstr(line, "usbprinter2")) seen2 = true;
+    }
+    const bool interrupted = (errno == EINTR);
+    errno = saved_errno;
+    return interrupted;
+}
+
+}  // namespace qp::cups
 
 namespace {
 
@@ -28,20 +51,7 @@ void scan_usb_names(bool &seen1, bool &seen2) {
         qp::Pipe pipe(QLIBCPopen("/usr/bin/lpstat", "r", "-v", (char *)NULL));
         if (!pipe) continue;  // could not start: no pause
 
-        const int saved_errno = errno;
-        char line[1024];
-        for (;;) {
-            errno = 0;
-            if (!fgets(line, sizeof line, pipe.get())) break;
-            QLIBCStrTrim(line, 0, 0);
-            if (!seen1 && strstr(line, "usbprinter1")) {
-                seen1 = true;
-                continue;
-            }
-            if (!seen2 && strstr(line, "usbprinter2")) seen2 = true;
-        }
-        const bool interrupted = (errno == EINTR);
-        errno = saved_errno;
+        const bool interrupted = qp::cups::usb_names_scan(pipe.get(), seen1, seen2);
 
         if (interrupted) {
             pipe.close();

@@ -24,17 +24,11 @@ bool lpstat_queue_word(std::string_view line, std::string_view *word) {
     return true;
 }
 
-}  // namespace qp::net
-
-namespace {
-
-// One run of lpstat: 1 or 2 for the first line of the queue, 0 when no line
-// names it, -1 when a read was interrupted (the run is tried again).
-int scan_lpstat(FILE *pPipe, const char *szCupsPrinterName, const char *szIpPattern) {
+int lpstat_name_scan(FILE *pPipe, const char *szCupsPrinterName, const char *szIpPattern) {
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != pPipe) && QP_ARG(((void *)0) != szCupsPrinterName) &&
                           QP_ARG(NULL != szIpPattern));
     const int savedErrno = errno;
-    char line[qp::net::kLineSize];
+    char line[kLineSize];
     int result = 0;
     for (;;) {
         errno = 0;
@@ -44,7 +38,7 @@ int scan_lpstat(FILE *pPipe, const char *szCupsPrinterName, const char *szIpPatt
         }
         QLIBCStrTrim(line, 0, 0);
         std::string_view word;
-        if (!qp::net::lpstat_queue_word(line, &word) || word != szCupsPrinterName) continue;
+        if (!lpstat_queue_word(line, &word) || word != szCupsPrinterName) continue;
         result = strstr(line, szIpPattern) ? 1 : 2;
         break;
     }
@@ -52,7 +46,7 @@ int scan_lpstat(FILE *pPipe, const char *szCupsPrinterName, const char *szIpPatt
     return result;
 }
 
-}  // namespace
+}  // namespace qp::net
 
 QP_EXPORT int QORAPrinterNetCupsNameAndIPCheck(const char *szIP, const char *szCupsPrinterName) {
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP) && QP_ARG(0 != szIP[0]) &&
@@ -75,7 +69,7 @@ QP_EXPORT int QORAPrinterNetCupsNameAndIPCheck(const char *szIP, const char *szC
     for (int attempt = 0; attempt < 3; ++attempt) {
         qp::Pipe lpstat(QLIBCPopen("/usr/bin/lpstat", "r", "-v", static_cast<char *>(nullptr)));
         if (!lpstat) continue;
-        const int found = scan_lpstat(lpstat.get(), szCupsPrinterName, szPattern);
+        const int found = qp::net::lpstat_name_scan(lpstat.get(), szCupsPrinterName, szPattern);
         const int closed = lpstat.close();
         if (found >= 0 && closed >= 0) return found;
         sleep(1);

@@ -12,14 +12,12 @@
 #include "owners.hpp"
 #include "qorasdk.h"
 
-namespace {
+namespace qp::net {
 
-// One run of lpstat: 0 a line holds the pattern, 1 none does, -1 a read was
-// interrupted (the run is tried again).
-int scan_lpstat(FILE *pPipe, const char *szIpPattern) {
+int lpstat_ip_scan(FILE *pPipe, const char *szIpPattern) {
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != pPipe) && QP_ARG(NULL != szIpPattern));
     const int savedErrno = errno;
-    char line[qp::net::kLineSize];
+    char line[kLineSize];
     int result = 1;
     for (;;) {
         errno = 0;
@@ -37,7 +35,7 @@ int scan_lpstat(FILE *pPipe, const char *szIpPattern) {
     return result;
 }
 
-}  // namespace
+}  // namespace qp::net
 
 QP_EXPORT int QORAPrinterNetIPCheck(const char *szIP) {
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP));
@@ -60,7 +58,7 @@ QP_EXPORT int QORAPrinterNetIPCheck(const char *szIP) {
     for (int attempt = 0; attempt < 3; ++attempt) {
         qp::Pipe lpstat(QLIBCPopen("/usr/bin/lpstat", "r", "-v", static_cast<char *>(nullptr)));
         if (!lpstat) continue;
-        const int found = scan_lpstat(lpstat.get(), szPattern);
+        const int found = qp::net::lpstat_ip_scan(lpstat.get(), szPattern);
         const int closed = lpstat.close();
         if (found >= 0 && closed >= 0) return found;
         sleep(1);
