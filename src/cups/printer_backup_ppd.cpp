@@ -1,15 +1,19 @@
 // printer_backup_ppd: keep a copy of the PPD file a queue was created with,
 // named after the printer, so a later creation without one finds it again.
-#include <stdio.h>
+// The printer ID becomes the file name: one that is not a plain name (see
+// names.hpp) is refused, and the source is passed to cp after "--".
+#include <string>
 
 #include "frame.hpp"
 #include "internal.hpp"
+#include "names.hpp"
 #include "paths.hpp"
 
 int printer_backup_ppd(const char *szPpdFile, const char *szPrinterId) {
     return QP_GUARD(-1, {
         QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szPpdFile) && QP_ARG(0 != szPpdFile[0]) &&
-                              QP_ARG(((void *)0) != szPrinterId) && QP_ARG(0 != szPrinterId[0]));
+                              QP_ARG(((void *)0) != szPrinterId) && QP_ARG(0 != szPrinterId[0]) &&
+                              QP_ARG(qp::name_ok(szPrinterId, qp::kIdMax)));
 
         if (QLIBCExec("/bin/mkdir", "-p", qp::path::kCupsPpdDir, NULL, NULL) != 0) {
             QP_LOG_ERR("mkdir -p %s failed", qp::path::kCupsPpdDir);
@@ -17,10 +21,9 @@ int printer_backup_ppd(const char *szPpdFile, const char *szPrinterId) {
             return -1;
         }
 
-        char dest[256];
-        snprintf(dest, sizeof dest, qp::path::kCupsPpdFmt, szPrinterId);
-        if (QLIBCExec("/bin/cp", "-f", szPpdFile, dest, NULL) != 0) {
-            QP_LOG_ERR("cp -f %s %s failed", szPpdFile, dest);
+        const std::string dest = std::string(qp::path::kCupsPpdDir) + szPrinterId + ".ppd";
+        if (QLIBCExec("/bin/cp", "-f", "--", szPpdFile, dest.c_str()) != 0) {
+            QP_LOG_ERR("cp -f %s %s failed", szPpdFile, dest.c_str());
             QP_SET_ERR(ERR_EXTERNAL_FAILED);
             return -1;
         }

@@ -17,6 +17,7 @@
 
 #include "cups/cups_scan.hpp"
 #include "frame.hpp"
+#include "names.hpp"
 #include "owners.hpp"
 #include "qorasdk.h"
 
@@ -55,7 +56,7 @@ QP_EXPORT int QORAPrinterCupsJobWaitComplete(const char *szPrinterId, const char
         QP_CHECK_QUIET(-1, szPrinterId && szJobId);
 
         char queue[32] = {0};
-        if (QORAPrinterCupsNameGet(szPrinterId, queue, sizeof queue) != 0 || !queue[0]) {
+        if (qp::stored_queue_name(szPrinterId, queue, sizeof queue) != 0) {
             QP_LOG_ERR("get cups printer name failed, printer=%s", szPrinterId);
             return -1;
         }

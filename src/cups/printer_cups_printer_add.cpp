@@ -10,10 +10,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <string>
+
 #include "cups/cups_argv.hpp"
 #include "cups/cups_scan.hpp"
 #include "frame.hpp"
 #include "internal.hpp"
+#include "names.hpp"
 #include "owners.hpp"
 #include "paths.hpp"
 #include "qorasdk.h"
@@ -79,6 +82,8 @@ void store_name(const char *szName, const char *szPrinterId) {
 QP_EXPORT int QORAPrinterCupsAdd(const char *szPrinterId, const char *szPpdFile) {
     return QP_GUARD(-1, {
         QP_CHECK_QUIET(-1, szPrinterId);
+        // The ID names the kept PPD copy and the device: a plain name only.
+        QP_CHECK_ARGS(-1, QP_ARG(!szPrinterId[0] || qp::name_ok(szPrinterId, qp::kIdMax)));
 
         if (!QLIBServiceIsRunning("cupsd") && QLIBServiceStart("cupsd", 0) < 0) {
             QP_LOG_ERR("start %s failed. " QP_LOWER_FMT, "cupsd", QP_LOWER_ARGS);
@@ -95,7 +100,9 @@ QP_EXPORT int QORAPrinterCupsAdd(const char *szPrinterId, const char *szPpdFile)
         char stored[64] = {0};
         char chosen[64] = {0};
         bool have_name = false;
-        if (QORAPrinterCupsNameGet(szPrinterId, stored, sizeof stored) == 0 && stored[0]) {
+        // A stored name that does not fit or is no queue name is not used
+        // (never cut): the printer gets a fresh name as if none were stored.
+        if (qp::stored_queue_name(szPrinterId, stored, sizeof stored) == 0) {
             int check = QORAPrinterCupsNameCheck(szPrinterId, stored);
             if (check == 0 || check == 1) {
                 snprintf(chosen, sizeof chosen, "%s", stored);
@@ -126,7 +133,7 @@ QP_EXPORT int QORAPrinterCupsAdd(const char *szPrinterId, const char *szPpdFile)
         store_name(chosen, szPrinterId);
 
         const char *ppd = nullptr;
-        char kept[512];
+        std::string kept;
         if (szPpdFile && szPpdFile[0]) {
             struct stat st;
             if (stat(szPpdFile, &st) != 0) {
@@ -137,8 +144,8 @@ QP_EXPORT int QORAPrinterCupsAdd(const char *szPrinterId, const char *szPpdFile)
                 QP_LOG_ERR("Failed to backup ppd file: %s" QP_LOWER_FMT, szPpdFile, QP_LOWER_ARGS);
             ppd = szPpdFile;
         } else {
-            snprintf(kept, sizeof kept, qp::path::kCupsPpdFmt, szPrinterId);
-            if (QLIBCFileExist(kept)) ppd = kept;
+            kept = std::string(qp::path::kCupsPpdDir) + szPrinterId + ".ppd";
+            if (QLIBCFileExist(kept.c_str())) ppd = kept.c_str();
         }
 
         char uri[4096];

@@ -4,6 +4,7 @@
 #include <strings.h>
 
 #include "frame.hpp"
+#include "names.hpp"
 
 namespace {
 
@@ -21,6 +22,7 @@ int run_switch(const char *szProgram, const char *szQueue) {
 QP_EXPORT int QORAPrinterCupsPrinterEnable(const char *szCupsPrinterName, int blEnable) {
     return QP_GUARD(-1, {
         QP_CHECK_QUIET(-1, szCupsPrinterName && szCupsPrinterName[0]);
+        QP_CHECK_ARGS(-1, QP_ARG(qp::name_ok(szCupsPrinterName, qp::kQueueMax)));
 
         char name[128];
         snprintf(name, sizeof name, "%s", szCupsPrinterName);

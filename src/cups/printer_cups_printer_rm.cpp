@@ -1,13 +1,14 @@
 // QORAPrinterCupsRm: remove a USB printer's queue, but only while the
 // scheduler lists that queue on this printer's device.
 #include "frame.hpp"
+#include "names.hpp"
 
 QP_EXPORT int QORAPrinterCupsRm(const char *szPrinterId) {
     return QP_GUARD(-1, {
         QP_CHECK_QUIET(-1, szPrinterId && szPrinterId[0]);
 
         char name[128] = {0};
-        if (QORAPrinterCupsNameGet(szPrinterId, name, sizeof name) != 0 || !name[0]) {
+        if (qp::stored_queue_name(szPrinterId, name, sizeof name) != 0) {
             QP_LOG_ERR("cannot find cups printer name, printer=%s", szPrinterId);
             return -1;
         }

@@ -5,6 +5,7 @@
 // The new text goes to a temporary file beside the old one, which takes the
 // old file's mode and owner (root:lp 0600) and is flushed to disk before it
 // is renamed over it: at every instant the file is the old or the new one.
+// The file is read line by line whatever a line's length.
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
@@ -65,18 +66,22 @@ QP_EXPORT int QORAPrinterCupsUsbConfRmAll(void) {
             fchown(fileno(out.get()), st.st_uid, st.st_gid) != 0)
             return write_failed();
 
-        char line[1024];
+        // Whole lines, however long: a long value must never let its tail
+        // be taken for a line of its own.
+        qp::MallocPtr<char> line;
+        size_t cap = 0;
         bool skipping = false;
-        while (fgets(line, sizeof line, in.get())) {
+        for (ssize_t n; (n = getline(line.addr(), &cap, in.get())) >= 0;) {
             if (skipping) {
-                if (strncmp(line, "</Printer>", 10) == 0) skipping = false;
+                if (strncmp(line.get(), "</Printer>", 10) == 0) skipping = false;
                 continue;
             }
-            if (opens_usb_block(line)) {
+            if (opens_usb_block(line.get())) {
                 skipping = true;
                 continue;
             }
-            if (fputs(line, out.get()) < 0) return write_failed();
+            if (fwrite(line.get(), 1, static_cast<size_t>(n), out.get()) != static_cast<size_t>(n))
+                return write_failed();
         }
         // A read error would turn into a shortened file: keep the old one.
         if (ferror(in.get())) {

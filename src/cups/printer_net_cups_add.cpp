@@ -5,9 +5,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <string>
+
 #include "cups/cups_argv.hpp"
 #include "frame.hpp"
 #include "internal.hpp"
+#include "names.hpp"
 #include "paths.hpp"
 #include "qorasdk.h"
 
@@ -22,11 +25,22 @@ int width(const char (&field)[N]) {
     return static_cast<int>(strnlen(field, N));
 }
 
+// A field that ends within its width and holds a plain name (names.hpp).
+template <size_t N>
+bool fits_name(const char (&field)[N]) {
+    return strnlen(field, N) < N && qp::name_ok(field, N - 1);
+}
+
 }  // namespace
 
 QP_EXPORT int QORAPrinterNetCupsAdd(const PrinterNetConf *pNPConf, const char *szPpdFile) {
     return QP_GUARD(-1, {
-        QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != pNPConf));
+        // The queue name and the URI become lpadmin arguments and the printer
+        // ID names the kept PPD copy: plain names that fit their fields only.
+        QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != pNPConf) &&
+                              QP_ARG(!pNPConf->szPrinterId[0] || fits_name(pNPConf->szPrinterId)) &&
+                              QP_ARG(!pNPConf->szCupsPrinterName[0] || fits_name(pNPConf->szCupsPrinterName)) &&
+                              QP_ARG(pNPConf->szBackend[0] != '-'));
 
         if (!QLIBServiceIsRunning("cupsd") && QLIBServiceStart("cupsd", 0) < 0) {
             QP_LOG_ERR("start %s failed. " QP_LOWER_FMT, "cupsd", QP_LOWER_ARGS);
@@ -44,7 +58,7 @@ QP_EXPORT int QORAPrinterNetCupsAdd(const PrinterNetConf *pNPConf, const char *s
         }
 
         const char *ppd = nullptr;
-        char kept[512];
+        std::string kept;
         if (szPpdFile && szPpdFile[0]) {
             struct stat st;
             if (stat(szPpdFile, &st) != 0) {
@@ -55,8 +69,8 @@ QP_EXPORT int QORAPrinterNetCupsAdd(const PrinterNetConf *pNPConf, const char *s
                 QP_LOG_ERR("Failed to backup ppd file: %s" QP_LOWER_FMT, szPpdFile, QP_LOWER_ARGS);
             ppd = szPpdFile;
         } else {
-            snprintf(kept, sizeof kept, qp::path::kCupsPpdFmt, printer_id);
-            if (QLIBCFileExist(kept)) ppd = kept;
+            kept = std::string(qp::path::kCupsPpdDir) + printer_id + ".ppd";
+            if (QLIBCFileExist(kept.c_str())) ppd = kept.c_str();
         }
 
         char uri[4096];

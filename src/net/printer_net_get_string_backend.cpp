@@ -11,6 +11,7 @@
 #include <algorithm>
 
 #include "frame.hpp"
+#include "names.hpp"
 #include "net/net_scan.hpp"
 #include "owners.hpp"
 
@@ -117,7 +118,8 @@ int uri_split(char *szUri, char *szBackend, int iBackendSize, char *szQName, int
 
 QP_EXPORT int QORAPrinterNetGetStringBackend(const char *szIP, char *szBackend, int iBackendSize, char *szQName,
                                              int iQNameSize) {
-    QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP) && QP_ARG(((void *)0) != szBackend) && QP_ARG(NULL != szQName));
+    QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP) && QP_ARG(((void *)0) != szBackend) && QP_ARG(NULL != szQName) &&
+                          QP_ARG(qp::address_ok(szIP)));
 
     qp::Pipe walk(QLIBCPopen("/usr/bin/snmpwalk", "r", "-v", "1", "-c", "tarvel", szIP, "enterprises",
                              static_cast<char *>(nullptr)));

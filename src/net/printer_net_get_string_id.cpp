@@ -10,6 +10,7 @@
 #include <string.h>
 
 #include "frame.hpp"
+#include "names.hpp"
 #include "net/net_scan.hpp"
 #include "owners.hpp"
 
@@ -69,7 +70,8 @@ int string_id_read(FILE *walk, char *szOutBuf, int iOutSize) {
 
 QP_EXPORT int QORAPrinterNetGetStringId(const char *szIP, char *szOutBuf, int iOutSize) {
     const int savedErrno = errno;
-    QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP) && QP_ARG(((void *)0) != szOutBuf) && QP_ARG(0 < iOutSize));
+    QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP) && QP_ARG(((void *)0) != szOutBuf) && QP_ARG(0 < iOutSize) &&
+                          QP_ARG(qp::address_ok(szIP)));
 
     memset(szOutBuf, 0, static_cast<size_t>(iOutSize));
     qp::Pipe walk(QLIBCPopen("/usr/bin/snmpwalk", "r", "-v", "1", "-c", "tarvel", szIP, "enterprises",

@@ -7,6 +7,7 @@
 #include <string.h>
 
 #include "frame.hpp"
+#include "names.hpp"
 #include "net/net_scan.hpp"
 #include "owners.hpp"
 
@@ -58,7 +59,8 @@ int ping_read(FILE *out, char *szStatus, int cbStatus) {
 }  // namespace qp::net
 
 QP_EXPORT int QORAPrinterNetPingStatus(const char *szIP, char *szStatus, int cbStatus) {
-    QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP) && QP_ARG(((void *)0) != szStatus) && QP_ARG(0 < cbStatus));
+    QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP) && QP_ARG(((void *)0) != szStatus) && QP_ARG(0 < cbStatus) &&
+                          QP_ARG(qp::address_ok(szIP)));
 
     qp::Pipe ping(QLIBCPopen("/bin/ping", "r", "-w", "1", szIP, static_cast<char *>(nullptr)));
     if (!ping) {

@@ -5,17 +5,22 @@
 // configuration lock inside it and drops it before LOCK_USBIDMAP goes.  The
 // driver notice and the Samba share step run after LOCK_USBIDMAP has been
 // released, so a slow device never holds up another hot-plug event.
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
 #include <sys/ioctl.h>
 
+#include <string>
+
 #include "frame.hpp"
 #include "internal.hpp"
 #include "owners.hpp"
 #include "paths.hpp"
 #include "qorausb.h"
+#include "safe_file.hpp"
+#include "tmp_files.hpp"
 
 namespace {
 
@@ -24,52 +29,62 @@ constexpr unsigned long kLpiocPrinterDisable = 0x40005007UL;  // 'P' 7, write, n
 constexpr int kLockWaitLimit = 15;
 constexpr int kStringIdSize = 4095;
 constexpr int kIdCut = 127;  // printer ID, producer and product name
+constexpr const char *kUsbtabName = "usbtab";  // in /tmp
+
+// A usbtab key as the core library's key-value writer accepts it: not empty,
+// no '=', no control byte, not starting with '['.
+bool usbtab_key_ok(const char *key) {
+    if (key == nullptr || key[0] == '\0' || key[0] == '[' || key[0] == ' ' || key[0] == '\t') return false;
+    for (const char *p = key; *p; ++p) {
+        const unsigned char c = static_cast<unsigned char>(*p);
+        if (c == '=' || c < 0x20 || c == 0x7F) return false;
+    }
+    return true;
+}
 
 // Adds (iAction non-zero) or removes the usbtab line of a device.  Removal
 // goes by device name when szBusId is NULL, else by bus ID: every "lp" line
 // whose bus ID begins with szBusId (case-insensitive) goes, so 1-1 also
-// takes 1-1.2 and 1-10.  Runs under LOCK_USBIDMAP.
+// takes 1-1.2 and 1-10.  Runs under LOCK_USBIDMAP.  The table is read and
+// replaced through qp::tmpfile: a usbtab that is not root's own reads as
+// empty and is replaced, never written through.
 int UsbtabUpdate(int iAction, const char *szDevName, const char *szBusId) {
-    if (iAction != 0) {
-        QP_CHECK_QUIET(-1, szDevName != nullptr && szBusId != nullptr && szBusId[0] != '\0');
-        if (QLIBCFileSetKeyValue(qp::path::kUsbtab, szDevName, szBusId, qp::path::kKeyValueFmt) < 0) {
-            QP_LOG_ERR("Set usbtab failed, devname=%s, device=%s", szDevName, szBusId);
-            return -1;
-        }
-        return 0;
-    }
+    if (iAction != 0)
+        QP_CHECK_QUIET(-1, usbtab_key_ok(szDevName) && szBusId != nullptr && szBusId[0] != '\0');
+    else if (szBusId == nullptr)
+        QP_CHECK_QUIET(-1, usbtab_key_ok(szDevName));
 
-    if (szBusId == nullptr) {
-        QP_CHECK_QUIET(-1, szDevName != nullptr);
-        if (QLIBCFileRemoveKey(qp::path::kUsbtab, szDevName) < 0) {
-            QP_LOG_ERR("rm usbtab failed, key=%s", szDevName);
-            return -1;
-        }
-        return 0;
-    }
-
-    qp::Hash pairs(1024);
-    qp::List keys(1024);
-    if (!pairs || !keys) {
-        QP_SET_ERR(ERR_OUT_OF_MEMORY);
+    std::string old;
+    const int rd = qp::tmpfile::read(kUsbtabName, qp::safefile::kTableLimit, old);
+    if (rd != 0 && rd != ENOENT) {
+        QP_LOG_ERR("read usbtab failed (%s)", strerror(rd));
+        QP_SET_ERR(rd == EFBIG ? ERR_VALUE_TOO_LONG : ERR_READ_FAILED);
         return -1;
     }
-    if (QLIBCFileGetPair(qp::path::kUsbtab, pairs.addr()) < 0) return 0;
-    int nKeys = QLIBCSzHashEnumKey(pairs.get(), keys.addr());
-    if (nKeys < 0) return -1;
 
-    size_t cbBus = strlen(szBusId);
-    bool removed = false;
-    for (int i = 0; i < keys.size(); ++i) {
-        const char *key = keys.at(i);
-        if (key == nullptr || strncmp(key, "lp", 2) != 0) continue;
-        const char *value = pairs.value(key);
-        if (value == nullptr || strncasecmp(value, szBusId, cbBus) != 0) continue;
-        if (QLIBCFileRemoveKey(qp::path::kUsbtab, key) < 0) {
-            QP_LOG_ERR("rm usbtab failed, key=%s", key);
-            return removed ? 0 : -1;
+    std::string text;
+    if (iAction != 0) {
+        text = qp::tmpfile::set_key(old, szDevName, szBusId);
+    } else if (szBusId == nullptr) {
+        text = qp::tmpfile::remove_key(old, szDevName);
+    } else {
+        const size_t cbBus = strlen(szBusId);
+        text = old;
+        for (const qp::tmpfile::Entry &e : qp::tmpfile::entries(old)) {
+            if (e.key.compare(0, 2, "lp") != 0) continue;
+            if (e.value.size() < cbBus || strncasecmp(e.value.data(), szBusId, cbBus) != 0) continue;
+            text = qp::tmpfile::remove_key(text, e.key);
         }
-        removed = true;
+    }
+    // A missing table stays missing when nothing is to be removed.
+    if (text == old && rd == 0) return 0;
+    if (text.empty() && rd == ENOENT) return 0;
+
+    const int wr = qp::tmpfile::replace(kUsbtabName, text);
+    if (wr != 0) {
+        QP_LOG_ERR("write usbtab failed (%s), devname=%s", strerror(wr), szDevName ? szDevName : "");
+        QP_SET_ERR(ERR_WRITE_FAILED);
+        return -1;
     }
     return 0;
 }

@@ -4,9 +4,11 @@
 #include <stdio.h>
 
 #include "frame.hpp"
+#include "names.hpp"
 
 QP_EXPORT int QORAPrinterUsbipLockRelease(const char *szPrinterId) {
     QP_CHECK_QUIET(-1, szPrinterId != nullptr && szPrinterId[0] != '\0');
+    QP_CHECK_ARGS(-1, QP_ARG(qp::name_ok(szPrinterId, qp::kIdMax)));
 
     char szCmd[512];
     snprintf(szCmd, sizeof(szCmd), "/usr/bin/bind_driver -p %s -0 %d -n %s", szPrinterId, 0, "USBIP");
