@@ -14,6 +14,7 @@
 
 #include "fuzz_util.hpp"
 #include "qoraprinter.h"
+#include "tmp_files.hpp"
 
 using namespace qpfuzz;
 
@@ -70,6 +71,62 @@ bool nameable(const std::string &key, const std::string &text) {
     return !contains(text, key + std::string(1, '\0'));
 }
 
+using Entries = std::vector<std::pair<std::string, std::string>>;
+
+Entries entries_but(std::string_view text, std::string_view key) {
+    Entries out;
+    for (const qp::tmpfile::Entry &e : qp::tmpfile::entries(text))
+        if (e.key != key) out.emplace_back(e.key, e.value);
+    return out;
+}
+
+std::vector<std::string_view> lines(std::string_view t) {
+    std::vector<std::string_view> out;
+    while (!t.empty()) {
+        const size_t nl = t.find('\n');
+        const size_t n = nl == std::string_view::npos ? t.size() : nl + 1;
+        out.push_back(t.substr(0, n));
+        t.remove_prefix(n);
+    }
+    return out;
+}
+
+// True when b is a with whole lines deleted (and, with one_added, one line
+// of b that is not in a).
+bool lines_kept(std::string_view a, std::string_view b, bool one_added) {
+    const std::vector<std::string_view> la = lines(a);
+    size_t i = 0;
+    for (std::string_view line : lines(b)) {
+        size_t j = i;
+        while (j < la.size() && la[j] != line) ++j;
+        if (j < la.size()) {
+            i = j + 1;
+        } else if (one_added) {
+            one_added = false;
+        } else {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The edits made to the table when a printer comes or goes: the other keys
+// keep their values and their lines.
+void edits(const std::string &text, const std::string &key) {
+    const std::string removed = qp::tmpfile::remove_key(text, key);
+    std::string_view value;
+    check(!qp::tmpfile::find(removed, key, value));
+    check(entries_but(removed, key) == entries_but(text, key));
+    check(lines_kept(text, removed, false));
+
+    // A key already there is set in place, a new one appended.
+    const bool had = qp::tmpfile::find(text, key, value);
+    const std::string set = qp::tmpfile::set_key(text, key, "9-9\n");
+    check(qp::tmpfile::find(set, key, value) && value == "9-9 ");
+    check(entries_but(set, key) == entries_but(text, key));
+    check(lines_kept(had ? text : closed(text), set, true));
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -95,6 +152,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     PQLIBSZLIST ids = QLIBCSzListAlloc(4);
     check(ids != nullptr && QORAPrinterProcUsbtabIdEnum(&ids) == 0);
     QLIBCSzListFree(ids);
+
+    // The library's own reader of the table agrees with the core's.
+    if (!contains(text, std::string(1, '\0'))) {
+        Entries core;
+        for (const Pair &p : got) core.emplace_back(p.key, p.value);
+        check(entries_but(text, "") == core);
+    }
+    edits(text, "lp0");
+    if (!got.empty() && nameable(got.front().key, text)) edits(text, got.front().key);
 
     // Lines that are no entry before the table, a new key after it.
     const std::string around = "# qp\n\n" + closed(text) + "qp-added-key=\"1-9\"\n";
