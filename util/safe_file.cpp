@@ -19,6 +19,10 @@ namespace {
 
 bool shared_mode(const struct stat &st) { return (st.st_mode & (S_IWGRP | S_IWOTH)) != 0; }
 
+// A directory is shared when others than root can write it, or when root
+// does not own it (its owner could change its mode or plant links).
+bool shared_dir(const struct stat &st) { return st.st_uid != 0 || shared_mode(st); }
+
 int close_keep_errno(int fd) {
     int e = errno;
     ::close(fd);
@@ -57,25 +61,25 @@ bool write_all(int fd, const std::string_view *pieces, size_t count) {
 
 bool dir_is_shared_fd(int dirfd) {
     struct stat st {};
-    return ::fstat(dirfd, &st) != 0 || shared_mode(st);
+    return ::fstat(dirfd, &st) != 0 || shared_dir(st);
 }
 
 bool dir_is_shared(const char *dir) {
     struct stat st {};
-    return ::stat(dir, &st) != 0 || shared_mode(st);
+    return ::stat(dir, &st) != 0 || shared_dir(st);
 }
 
-int open_dir(const char *dir) { return ::open(dir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }
+int open_dir(const char *dir) { return ::open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC); }
 
 int open_read(int dirfd, const char *name, bool strict) {
     if (!name || !*name || strchr(name, '/')) {
         errno = EINVAL;
         return -1;
     }
-    int fd = ::openat(dirfd, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    int fd = ::openat(dirfd, name, O_RDONLY | (strict ? O_NOFOLLOW : 0) | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
     if (fd < 0) {
         // A link at the name (ELOOP) is not a file of ours.
-        if (errno == ELOOP) errno = strict ? kUntrusted : ENOENT;
+        if (errno == ELOOP && strict) errno = kUntrusted;
         return -1;
     }
     struct stat st {};
@@ -84,7 +88,7 @@ int open_read(int dirfd, const char *name, bool strict) {
     if (ok && strict) ok = st.st_uid == 0 && !shared_mode(st) && st.st_nlink == 1;
     if (!ok) {
         ::close(fd);
-        errno = strict ? kUntrusted : ENOENT;
+        errno = kUntrusted;
         return -1;
     }
     // The file was opened non-blocking only so a FIFO could not hold the
@@ -140,7 +144,7 @@ int read_file(const char *dir, const char *name, std::string &out, size_t limit,
     int err = fd < 0 ? errno : 0;
     ::close(dfd);
     if (fd < 0) {
-        if (err == kUntrusted && strict) {
+        if (err == kUntrusted) {
             if (untrusted) *untrusted = true;
             return ENOENT;
         }

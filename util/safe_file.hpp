@@ -32,20 +32,22 @@ inline constexpr size_t kStatusLimit = size_t{64} << 10;
 // that only care whether there is a usable file treat it like ENOENT.
 inline constexpr int kUntrusted = EPERM;
 
-// True when the directory (by path or descriptor) is writable by others than
-// its owner (group/other write bit, sticky or not): such a directory needs
-// the checks above.  A directory that cannot be stat'ed counts as shared.
+// True when the directory (by path or descriptor) is not root's or is
+// writable by group or others (sticky or not): such a directory needs the
+// checks above.  A directory that cannot be stat'ed counts as shared.
 bool dir_is_shared(const char *dir);
 bool dir_is_shared_fd(int dirfd);
 
-// Opens the directory itself, O_DIRECTORY | O_NOFOLLOW on its last component.
-// -1 with errno on failure.
+// Opens the directory (O_DIRECTORY; a link to a directory is followed, and
+// where it leads decides whether the directory is shared).  -1 with errno.
 int open_dir(const char *dir);
 
-// Opens NAME (a plain name, no '/') in the directory for reading.  With
-// `strict`, the file must conform (above) or the result is -1 with errno
-// kUntrusted; without it, only links and non-regular files are refused (for
-// directories only root can write).  A missing file is -1 with ENOENT.
+// Opens NAME (a plain name, no '/') in the directory for reading, never
+// blocking on a FIFO.  With `strict` (shared directories), the name is not
+// followed and the file must conform (above) or the result is -1 with errno
+// kUntrusted.  Without it (directories only root can write, where a link is
+// root's own doing), a link is followed and only a non-regular file is
+// refused (-1, kUntrusted).  A missing file is -1 with ENOENT.
 int open_read(int dirfd, const char *name, bool strict = true);
 
 // Reads the whole descriptor into out, at most `limit` bytes: EFBIG when the

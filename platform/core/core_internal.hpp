@@ -75,9 +75,31 @@ int copy_out(std::string_view s, char *buf, int cb);
 // Reads a whole file.  0 on success, ENOENT when it does not exist, else errno.
 int read_whole(const char *path, std::string &out);
 int read_whole_fd(int fd, std::string &out);
+// Reads a table (key-value or section file) without ever blocking on a FIFO:
+// in a shared directory only a conforming file counts (anything else is
+// ENOENT) and over qp::safefile::kTableLimit is EFBIG; elsewhere a
+// non-regular file is ENOENT.  0 or errno.
+int read_table(const char *path, std::string &out);
 
 // Creates the directory and its parents (mode for new ones); 0 or errno.
 int make_dirs(const std::string &dir, mode_t mode);
+
+// ---- lock files ----
+// Lock files are mode 0600 and live only in directories that no one but
+// their owner (root) can write; the named locks and the sidecar locks of
+// files in shared directories live in kLockDir.
+inline constexpr const char *kLockDir = "/run/qorasdk/lock";
+// Longest wait for a rewrite's sidecar lock before the rewrite fails.
+inline constexpr long long kLockWaitMs = 30000;
+// Opens (creating it 0600, and a missing directory 0755) the lock file at
+// path, whose directory must be a real directory owned by this user and not
+// writable by group or others.  -1 with errno (EPERM for a refused place).
+int open_lock_path(const std::string &path);
+// The same for a name in kLockDir.
+int open_private_lock(const std::string &name);
+// flock LOCK_EX polled with LOCK_NB every 10 ms for at most limit_ms:
+// 0 when taken, EWOULDBLOCK when the time ran out, else errno.
+int lock_bounded(int fd, long long limit_ms);
 
 // The new content of a rewritten file, as pieces written in order: runs of
 // the old content (views, written straight from the buffer they were read
@@ -133,5 +155,8 @@ std::vector<std::string> child_environment();
 pid_t spawn(const char *path, const std::vector<std::string> &argv, int stdout_fd);
 // Waits for pid, retrying on EINTR; 0 and the raw status on success, else -1.
 int wait_child(pid_t pid, int &status);
+// Waits for pid until the monotonic deadline (ms), then kills it (SIGKILL,
+// killed set) and reaps it; 0 and the raw status, else -1.
+int wait_child_until(pid_t pid, long long deadline_ms, int &status, bool &killed);
 
 }  // namespace qc

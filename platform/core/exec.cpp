@@ -1,20 +1,32 @@
 // Running programs without a shell: posix_spawn (vfork semantics in glibc, so
-// a large caller is not copied), every descriptor of ours close-on-exec, the
-// child's stdin and stderr on /dev/null, a clean signal state, and a C locale
-// so that the callers' parsers see untranslated output.
+// a large caller is not copied), every descriptor above 2 closed in the child
+// (whether or not the caller marked it close-on-exec), the child's stdin and
+// stderr on /dev/null, a clean signal state, and a C locale so that the
+// callers' parsers see untranslated output.  Arguments are passed as given.
+//
+// Every run is bounded: a program still running kRunLimitMs after its start
+// is killed (SIGKILL), which is a failure with ERR_EXTERNAL_FAILED and a log
+// line; the output read through QLIBCPopen is bounded by kOutputLimit (past
+// it the stream ends, the program is killed, and QLIBCPclose fails the same
+// way).  A caller that ignores SIGCHLD cannot learn how a program ended: no
+// program is run and the result is -1 (NULL) with ERR_SIGCHLD_IGNORED.
 #include "core_internal.hpp"
 
 #include <errno.h>
 #include <fcntl.h>
-#include <glob.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdarg.h>
 #include <string.h>
+#include <sys/syscall.h>
+#include <syslog.h>
+#include <time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <map>
+#include <memory>
 #include <mutex>
 #include <new>
 
@@ -26,49 +38,113 @@ namespace {
 // instead of running off the stack.
 constexpr int kMaxArgs = 1024;
 
-// Streams of QLIBCPopen and the children behind them.
-std::mutex g_popen_mutex;
-std::map<FILE *, pid_t> g_popen_children;
+// Longest run of a program, and most output read from one through a stream.
+constexpr long long kRunLimitMs = 120000;
+constexpr size_t kOutputLimit = size_t{16} << 20;
+
+long long now_ms() {
+    struct timespec ts {};
+    ::clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+// With SIGCHLD ignored the kernel reaps children itself: waitpid can only
+// fail, after the program ran, so the run is refused up front instead.
+bool sigchld_ignored() {
+    struct sigaction sa {};
+    if (::sigaction(SIGCHLD, nullptr, &sa) != 0) return false;
+    if (sa.sa_flags & SA_NOCLDWAIT) return true;
+    return !(sa.sa_flags & SA_SIGINFO) && sa.sa_handler == SIG_IGN;
+}
+
+bool refuse_if_unwaitable() {
+    if (!sigchld_ignored()) return false;
+    QC_FAIL(ERR_SIGCHLD_IGNORED);
+    return true;
+}
 
 // 0 for exit 0, the exit status, or negative for a child that did not exit.
+// An exit status is the program's answer, not a failure of the run: only a
+// negative result sets the slot.
 int exit_result(int status) {
-    if (WIFEXITED(status)) {
-        int code = WEXITSTATUS(status);
-        if (code != 0) QC_FAIL(ERR_EXTERNAL_FAILED);
-        return code;
-    }
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
     QC_FAIL(ERR_EXTERNAL_FAILED);
     return WIFSIGNALED(status) ? -(128 + WTERMSIG(status)) : -1;
 }
 
+void log_killed(const char *path, const char *why) {
+    ::syslog(LOG_ERR, "%s:%d %s killed: %s", __FILE_NAME__, __LINE__, path, why);
+}
+
 int run_and_wait(const char *path, const std::vector<std::string> &argv) {
+    if (refuse_if_unwaitable()) return -1;
+    const long long deadline = now_ms() + kRunLimitMs;
     pid_t pid = qc::spawn(path, argv, -1);
     if (pid < 0) return -1;
     int status = 0;
-    if (qc::wait_child(pid, status) != 0) {
+    bool killed = false;
+    if (qc::wait_child_until(pid, deadline, status, killed) != 0) {
         QC_FAIL(ERR_EXTERNAL_FAILED);
         return -1;
     }
+    if (killed) log_killed(path, "ran past its time limit");
     return exit_result(status);
 }
 
-bool has_glob_chars(const char *s) { return strpbrk(s, "*?[") != nullptr; }
+// The stream of QLIBCPopen reads the pipe through these bounds.
+struct Stream {
+    int fd = -1;
+    pid_t pid = -1;
+    long long deadline = 0;
+    size_t total = 0;
+    const char *cut = nullptr;  // why the output was cut short, if it was
+    std::string path;
+};
 
-// Expands a pattern the way a shell would for a simple word: the sorted
-// matches, or the pattern itself when nothing matches.
-void push_expanded(std::vector<std::string> &argv, const char *arg) {
-    if (!has_glob_chars(arg)) {
-        argv.emplace_back(arg);
-        return;
-    }
-    glob_t g{};
-    if (::glob(arg, 0, nullptr, &g) == 0 && g.gl_pathc > 0) {
-        for (size_t i = 0; i < g.gl_pathc; ++i) argv.emplace_back(g.gl_pathv[i]);
-    } else {
-        argv.emplace_back(arg);
-    }
-    ::globfree(&g);
+void cut_stream(Stream &s, const char *why) {
+    s.cut = why;
+    ::kill(s.pid, SIGKILL);
 }
+
+ssize_t stream_read(void *cookie, char *buf, size_t size) {
+    auto &s = *static_cast<Stream *>(cookie);
+    if (s.cut) return 0;
+    for (;;) {
+        const long long left = s.deadline - now_ms();
+        if (left <= 0) {
+            cut_stream(s, "ran past its time limit");
+            return 0;
+        }
+        struct pollfd p {s.fd, POLLIN, 0};
+        int rc = ::poll(&p, 1, static_cast<int>(std::min<long long>(left, 1000)));
+        if (rc < 0 && errno != EINTR) return -1;
+        if (rc <= 0) continue;
+        char extra;
+        const size_t room = kOutputLimit - s.total;
+        ssize_t n = room > 0 ? ::read(s.fd, buf, std::min(size, room)) : ::read(s.fd, &extra, 1);
+        if (n < 0) {
+            if (errno == EINTR || errno == EAGAIN) continue;
+            return -1;
+        }
+        if (room == 0) {
+            if (n > 0) cut_stream(s, "wrote more output than allowed");
+            return 0;
+        }
+        s.total += static_cast<size_t>(n);
+        return n;
+    }
+}
+
+int stream_close(void *cookie) {
+    auto &s = *static_cast<Stream *>(cookie);
+    int rc = s.fd >= 0 ? ::close(s.fd) : 0;
+    s.fd = -1;
+    return rc;
+}
+
+// Streams of QLIBCPopen and the children behind them.
+std::mutex g_popen_mutex;
+std::map<FILE *, std::unique_ptr<Stream>> g_popen_children;
 
 bool path_ok(const char *path) { return path && path[0] == '/'; }
 
@@ -112,6 +188,8 @@ pid_t spawn(const char *path, const std::vector<std::string> &argv, int stdout_f
                             : ::posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
     }
     if (rc == 0) rc = ::posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    // Descriptors the caller left inheritable (a secret file, a lock) stay here.
+    if (rc == 0) rc = ::posix_spawn_file_actions_addclosefrom_np(&actions, 3);
 
     // The child must not inherit the caller's blocked or ignored signals
     // (an ignored SIGPIPE or SIGCHLD changes how tools behave).
@@ -142,6 +220,32 @@ int wait_child(pid_t pid, int &status) {
     }
 }
 
+int wait_child_until(pid_t pid, long long deadline_ms, int &status, bool &killed) {
+    killed = false;
+    // A pidfd turns the wait into a poll with a timeout; without one (old
+    // kernels) the child is polled every few milliseconds.
+    Fd pidfd{static_cast<int>(::syscall(SYS_pidfd_open, pid, 0))};
+    long long nap_ms = 1;
+    for (;;) {
+        pid_t r = ::waitpid(pid, &status, WNOHANG);
+        if (r == pid) return 0;
+        if (r < 0 && errno != EINTR) return -1;
+        const long long left = deadline_ms - now_ms();
+        if (left <= 0) break;
+        if (pidfd.ok()) {
+            struct pollfd p {pidfd.get(), POLLIN, 0};
+            (void)::poll(&p, 1, static_cast<int>(std::min<long long>(left, 1000)));
+        } else {
+            struct timespec tick {0, std::min(nap_ms, left) * 1000 * 1000};
+            ::nanosleep(&tick, nullptr);
+            nap_ms = std::min<long long>(nap_ms * 2, 50);
+        }
+    }
+    killed = true;
+    ::kill(pid, SIGKILL);
+    return wait_child(pid, status);
+}
+
 }  // namespace qc
 
 extern "C" QLIBC_API int QLIBCExec(const char *szPath, const char *szArg1, const char *szArg2, const char *szArg3,
@@ -154,7 +258,7 @@ extern "C" QLIBC_API int QLIBCExec(const char *szPath, const char *szArg1, const
         std::vector<std::string> argv{szPath};
         for (const char *a : {szArg1, szArg2, szArg3, szArg4}) {
             if (!a) break;
-            push_expanded(argv, a);
+            argv.emplace_back(a);
         }
         return run_and_wait(szPath, argv);
     } catch (const std::bad_alloc &) {
@@ -221,32 +325,40 @@ extern "C" QLIBC_API FILE *QLIBCPopen(const char *szPath, const char *szMode, ..
         }
         va_end(ap);
 
+        if (refuse_if_unwaitable()) return nullptr;
         int fds[2];
         if (::pipe2(fds, O_CLOEXEC) != 0) {
             QC_FAIL(ERR_OPEN_FAILED);
             return nullptr;
         }
         qc::Fd rd{fds[0]}, wr{fds[1]};
+        auto stream = std::make_unique<Stream>();
+        stream->path = szPath;
+        stream->deadline = now_ms() + kRunLimitMs;
         pid_t pid = qc::spawn(szPath, argv, wr.get());
         wr.reset();  // or the reader never sees the end of the output
         if (pid < 0) {
             QC_FAIL(ERR_OPEN_FAILED);
             return nullptr;
         }
-        FILE *fp = ::fdopen(rd.get(), "r");
+        stream->fd = rd.release();
+        stream->pid = pid;
+        cookie_io_functions_t io{stream_read, nullptr, nullptr, stream_close};
+        FILE *fp = ::fopencookie(stream.get(), "r", io);
         if (!fp) {
-            rd.reset();
+            stream_close(stream.get());
+            ::kill(pid, SIGKILL);
             int status;
             qc::wait_child(pid, status);
             QC_FAIL(ERR_OPEN_FAILED);
             return nullptr;
         }
-        rd.release();
         try {
             std::lock_guard<std::mutex> guard(g_popen_mutex);
-            g_popen_children[fp] = pid;
+            g_popen_children[fp] = std::move(stream);
         } catch (...) {
             ::fclose(fp);
+            ::kill(pid, SIGKILL);
             int status;
             qc::wait_child(pid, status);
             throw;
@@ -264,7 +376,7 @@ extern "C" QLIBC_API int QLIBCPclose(FILE *fp) {
         QC_FAIL(ERR_BAD_PARAMETER);
         return -1;
     }
-    pid_t pid;
+    std::unique_ptr<Stream> stream;
     {
         std::lock_guard<std::mutex> guard(g_popen_mutex);
         auto it = g_popen_children.find(fp);
@@ -272,12 +384,19 @@ extern "C" QLIBC_API int QLIBCPclose(FILE *fp) {
             QC_FAIL(ERR_BAD_PARAMETER);
             return -1;
         }
-        pid = it->second;
+        stream = std::move(it->second);
         g_popen_children.erase(it);
     }
     ::fclose(fp);
     int status = 0;
-    if (qc::wait_child(pid, status) != 0) {
+    bool killed = false;
+    if (qc::wait_child_until(stream->pid, stream->deadline, status, killed) != 0) {
+        QC_FAIL(ERR_EXTERNAL_FAILED);
+        return -1;
+    }
+    if (killed && !stream->cut) stream->cut = "ran past its time limit";
+    if (stream->cut) {
+        log_killed(stream->path.c_str(), stream->cut);
         QC_FAIL(ERR_EXTERNAL_FAILED);
         return -1;
     }

@@ -1,5 +1,6 @@
 // File existence, temporary files and the appliance's file locks.
 #include "core_internal.hpp"
+#include "safe_file.hpp"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -15,22 +16,11 @@
 
 namespace {
 
-constexpr const char *kUsbIdMapLockFile = "/run/qorasdk/lock/lock_usbidmap";
+constexpr const char *kUsbIdMapLock = "lock_usbidmap";
 constexpr unsigned int kLockModeMask = 0xFFFFu;
 
-std::string parent_dir(const std::string &path) {
-    size_t slash = path.rfind('/');
-    if (slash == std::string::npos || slash == 0) return {};
-    return path.substr(0, slash);
-}
-
 // Opens (creating it and its directory if needed) a lock file.
-int open_lock_file(const char *path) {
-    int fd = ::open(path, O_RDONLY | O_CREAT | O_CLOEXEC, 0644);
-    if (fd < 0 && errno == ENOENT && qc::make_dirs(parent_dir(path), 0755) == 0)
-        fd = ::open(path, O_RDONLY | O_CREAT | O_CLOEXEC, 0644);
-    return fd;
-}
+int open_lock_file(const char *path) { return qc::open_lock_path(path); }
 
 // Named locks held by this process: lock number -> the locked descriptor.
 // flock belongs to the open file description, so a second thread of this
@@ -40,6 +30,56 @@ std::mutex g_named_mutex;
 std::map<unsigned int, int> g_named_locks;
 
 }  // namespace
+
+namespace qc {
+
+int open_lock_path(const std::string &path) {
+    std::string dir, name;
+    if (!qp::safefile::split_path(path, dir, name)) {
+        errno = EINVAL;
+        return -1;
+    }
+    Fd dfd{qp::safefile::open_dir(dir.c_str())};
+    if (!dfd.ok() && errno == ENOENT && make_dirs(dir, 0755) == 0) dfd.reset(qp::safefile::open_dir(dir.c_str()));
+    if (!dfd.ok()) return -1;
+    // A directory someone else can write would let them plant or hold the lock.
+    struct stat st {};
+    if (::fstat(dfd.get(), &st) != 0) return -1;
+    if (st.st_uid != ::geteuid() || (st.st_mode & (S_IWGRP | S_IWOTH))) {
+        errno = EPERM;
+        return -1;
+    }
+    Fd fd{::openat(dfd.get(), name.c_str(), O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY,
+                   0600)};
+    if (!fd.ok()) return -1;
+    if (::fstat(fd.get(), &st) != 0) return -1;
+    if (!S_ISREG(st.st_mode) || st.st_uid != ::geteuid()) {
+        errno = EPERM;
+        return -1;
+    }
+    // A lock file left readable by an older version: anyone could open it and hold the lock.
+    if ((st.st_mode & 077) && ::fchmod(fd.get(), 0600) != 0) return -1;
+    return fd.release();
+}
+
+int open_private_lock(const std::string &name) { return open_lock_path(std::string(kLockDir) + "/" + name); }
+
+int lock_bounded(int fd, long long limit_ms) {
+    struct timespec start {};
+    ::clock_gettime(CLOCK_MONOTONIC, &start);
+    for (;;) {
+        if (::flock(fd, LOCK_EX | LOCK_NB) == 0) return 0;
+        if (errno != EWOULDBLOCK && errno != EINTR) return errno;
+        struct timespec now {};
+        ::clock_gettime(CLOCK_MONOTONIC, &now);
+        long long waited = (now.tv_sec - start.tv_sec) * 1000LL + (now.tv_nsec - start.tv_nsec) / 1000000;
+        if (waited >= limit_ms) return EWOULDBLOCK;
+        struct timespec tick {0, 10 * 1000 * 1000};
+        ::nanosleep(&tick, nullptr);
+    }
+}
+
+}  // namespace qc
 
 extern "C" QLIBC_API int QLIBCFileExist(const char *szPath) {
     if (!szPath || !*szPath) return 0;
@@ -95,30 +135,16 @@ extern "C" QLIBC_API int QLIBCFileLock(unsigned int uRequest, int iWaitLimit) {
         QC_FAIL(ERR_BAD_PARAMETER);
         return -1;
     }
-    qc::Fd fd{open_lock_file(kUsbIdMapLockFile)};
+    qc::Fd fd{qc::open_private_lock(kUsbIdMapLock)};
     if (!fd.ok()) {
         QC_FAIL(ERR_OPEN_FAILED);
         return -1;
     }
     // Poll rather than block so the wait limit holds without a timer signal.
-    struct timespec start {};
-    ::clock_gettime(CLOCK_MONOTONIC, &start);
     const long long limit_ms = iWaitLimit > 0 ? static_cast<long long>(iWaitLimit) * 1000 : 0;
-    for (;;) {
-        if (::flock(fd.get(), LOCK_EX | LOCK_NB) == 0) break;
-        if (errno != EWOULDBLOCK && errno != EINTR) {
-            QC_FAIL(ERR_LOCK_FAILED);
-            return -1;
-        }
-        struct timespec now {};
-        ::clock_gettime(CLOCK_MONOTONIC, &now);
-        long long waited = (now.tv_sec - start.tv_sec) * 1000LL + (now.tv_nsec - start.tv_nsec) / 1000000;
-        if (waited >= limit_ms) {
-            QC_FAIL(ERR_LOCK_FAILED);
-            return -1;
-        }
-        struct timespec tick {0, 10 * 1000 * 1000};
-        ::nanosleep(&tick, nullptr);
+    if (qc::lock_bounded(fd.get(), limit_ms) != 0) {
+        QC_FAIL(ERR_LOCK_FAILED);
+        return -1;
     }
     std::lock_guard<std::mutex> guard(g_named_mutex);
     auto [it, inserted] = g_named_locks.emplace(lock, fd.get());

@@ -38,7 +38,7 @@ bool prepare_key(const char *key, std::string &out) {
 }
 
 int read_file_or_fail(const char *path, std::string &data) {
-    int rc = qc::read_whole(path, data);
+    int rc = qc::read_table(path, data);
     if (rc != 0) {
         QC_FAIL(rc == ENOENT ? ERR_OPEN_FAILED : ERR_READ_FAILED);
         return -1;

@@ -1,16 +1,28 @@
 // Crash-safe rewrite of a text file.  Writers serialise on an flock of a
-// sidecar file ".<name>.lock" beside the target (never the target itself: the
-// rename would hand the next writer a fresh, unlocked inode), read the current
-// content under that lock so concurrent writers of different keys never lose
-// each other's lines, write a temporary file in the same directory, and
-// rename it over the target.  Readers take no lock: the rename shows them
-// either the old or the new file.
+// sidecar lock file (never the target itself: the rename would hand the next
+// writer a fresh, unlocked inode), read the current content under that lock
+// so concurrent writers of different keys never lose each other's lines,
+// write a temporary file in the same directory, and rename it over the
+// target.  Readers take no lock: the rename shows them either the old or the
+// new file.
+//
+// Nothing here resolves a link: the target's name is opened with O_NOFOLLOW
+// through a descriptor of its directory, and the rename replaces whatever
+// stands at the name (a link is replaced, its target left alone).  In a
+// directory other users can write (/tmp) the file counts only when it
+// conforms (regular, root's, not group/other-writable, one link; see
+// safe_file.hpp): anything else reads as absent and is replaced by a file of
+// root's with mode 0644; reads there are bounded (kTableLimit).  The sidecar
+// lock of such a file lives in the root-only lock directory, not beside it.
+// The lock wait is bounded by kLockWaitMs.
 #include "core_internal.hpp"
+#include "safe_file.hpp"
 
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
@@ -23,57 +35,52 @@
 namespace qc {
 namespace {
 
-constexpr size_t kTempSuffixLen = 6;  // mkostemp's XXXXXX
+constexpr size_t kTempSuffixLen = 6;  // ".<name>.XXXXXX"
 
 // A writer killed between creating its temporary file and the rename leaves
 // the temporary behind.  Whoever holds the lock next knows no other writer of
-// this file is active, so every ".<name>.XXXXXX" left there is stale.
-void remove_stale_temps(const std::string &dir, const std::string &base) {
-    DIR *d = ::opendir(dir.c_str());
-    if (!d) return;
+// this file is active, so every ".<name>.XXXXXX" of the writer's own left
+// there is stale; in a shared directory, files of other users are left alone.
+void remove_stale_temps(int dirfd, const std::string &base) {
+    int fd = ::dup(dirfd);
+    if (fd < 0) return;
+    DIR *d = ::fdopendir(fd);
+    if (!d) {
+        ::close(fd);
+        return;
+    }
+    ::rewinddir(d);
     const std::string prefix = "." + base + ".";
     while (struct dirent *e = ::readdir(d)) {
         std::string_view name = e->d_name;
         if (name.size() != prefix.size() + kTempSuffixLen || name.substr(0, prefix.size()) != prefix) continue;
         if (name.substr(prefix.size()) == "lock") continue;
-        ::unlinkat(::dirfd(d), e->d_name, 0);
+        struct stat st {};
+        if (::fstatat(dirfd, e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode) ||
+            st.st_uid != ::geteuid())
+            continue;
+        ::unlinkat(dirfd, e->d_name, 0);
     }
     ::closedir(d);
 }
 
-// Writes the pieces in order with as few writev calls as the kernel allows.
-bool write_pieces(int fd, const std::vector<std::string_view> &pieces) {
-    std::vector<struct iovec> iov;
-    iov.reserve(pieces.size());
-    for (std::string_view p : pieces) iov.push_back({const_cast<char *>(p.data()), p.size()});
-    size_t next = 0;
-    while (next < iov.size()) {
-        const int count = static_cast<int>(std::min<size_t>(iov.size() - next, IOV_MAX));
-        ssize_t n = ::writev(fd, &iov[next], count);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        if (n == 0) return false;
-        // Step over what went out; a short write leaves the rest of a piece.
-        auto done = static_cast<size_t>(n);
-        while (next < iov.size() && done >= iov[next].iov_len) done -= iov[next++].iov_len;
-        if (done > 0) {
-            iov[next].iov_base = static_cast<char *>(iov[next].iov_base) + done;
-            iov[next].iov_len -= done;
-        }
+// Name of the sidecar lock of a file in a shared directory, inside the
+// root-only lock directory: "rewrite" and the path with '/' and '%' escaped.
+std::string shared_lock_name(const std::string &dir, const std::string &base) {
+    std::string name = "rewrite";
+    for (char c : (dir == "/" ? "" : dir) + "/" + base) {
+        if (c == '/') name += "%2F";
+        else if (c == '%') name += "%25";
+        else name += c;
     }
-    return true;
+    if (name.size() > 200) {
+        // Too long for one name: a hash of the path stands in.
+        char hex[17];
+        snprintf(hex, sizeof hex, "%016zx", std::hash<std::string>{}(name));
+        name = std::string("rewrite#") + hex;
+    }
+    return name;
 }
-
-// Unlinks the temporary file unless the rename took it.
-struct TempName {
-    std::string path;
-    bool committed = false;
-    ~TempName() {
-        if (!path.empty() && !committed) ::unlink(path.c_str());
-    }
-};
 
 }  // namespace
 
@@ -95,56 +102,57 @@ bool same_content(const std::vector<std::string_view> &pieces, std::string_view 
 }  // namespace
 
 int rewrite_file(const char *path, const EditFn &edit) {
-    std::string target = path;
-    // Replace the file a symbolic link points at, not the link.
-    struct stat lst {};
-    if (::lstat(path, &lst) == 0 && S_ISLNK(lst.st_mode)) {
-        if (char *real = ::realpath(path, nullptr)) {
-            target = real;
-            free(real);
-        }
-    }
-    size_t slash = target.rfind('/');
-    std::string dir = slash == std::string::npos ? "." : (slash == 0 ? "/" : target.substr(0, slash));
-    std::string base = slash == std::string::npos ? target : target.substr(slash + 1);
-    if (base.empty() || base == "." || base == "..") {
+    namespace sf = qp::safefile;
+    std::string dir, base;
+    if (!sf::split_path(path, dir, base)) {
         QC_FAIL(ERR_BAD_PARAMETER);
         return -1;
     }
-    std::string dir_prefix = dir == "/" ? "/" : dir + "/";
+    Fd dfd{sf::open_dir(dir.c_str())};
+    if (!dfd.ok() && errno == ENOENT && make_dirs(dir, 0755) == 0) dfd.reset(sf::open_dir(dir.c_str()));
+    if (!dfd.ok()) {
+        QC_FAIL(ERR_OPEN_FAILED);
+        return -1;
+    }
+    const bool shared = sf::dir_is_shared_fd(dfd.get());
 
-    std::string lock_path = dir_prefix + "." + base + ".lock";
-    Fd lock{::open(lock_path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0644)};
-    if (!lock.ok() && errno == ENOENT && make_dirs(dir, 0755) == 0)
-        lock.reset(::open(lock_path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0644));
+    Fd lock;
+    if (shared) {
+        lock.reset(open_private_lock(shared_lock_name(dir, base)));
+    } else {
+        const std::string lock_name = "." + base + ".lock";
+        lock.reset(::openat(dfd.get(), lock_name.c_str(), O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+                            0600));
+    }
     if (!lock.ok()) {
         QC_FAIL(ERR_OPEN_FAILED);
         return -1;
     }
-    while (::flock(lock.get(), LOCK_EX) != 0) {
-        if (errno == EINTR) continue;
+    if (lock_bounded(lock.get(), kLockWaitMs) != 0) {
         QC_FAIL(ERR_LOCK_FAILED);
         return -1;
     }
-    remove_stale_temps(dir, base);
+    remove_stale_temps(dfd.get(), base);
 
     bool exists = true;
     std::string old;
     struct stat st {};
     {
-        Fd in{::open(target.c_str(), O_RDONLY | O_CLOEXEC)};
+        Fd in{sf::open_read(dfd.get(), base.c_str(), shared)};
         if (!in.ok()) {
-            if (errno != ENOENT) {
+            // Missing, or (in a shared directory) not a file of ours: absent.
+            if (errno != ENOENT && errno != sf::kUntrusted) {
                 QC_FAIL(ERR_OPEN_FAILED);
                 return -1;
             }
             exists = false;
         } else {
-            if (::fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+            if (::fstat(in.get(), &st) != 0) {
                 QC_FAIL(ERR_OPEN_FAILED);
                 return -1;
             }
-            if (read_whole_fd(in.get(), old) != 0) {
+            int rc = shared ? sf::read_bounded(in.get(), old, sf::kTableLimit) : read_whole_fd(in.get(), old);
+            if (rc != 0) {
                 QC_FAIL(ERR_READ_FAILED);
                 return -1;
             }
@@ -159,37 +167,27 @@ int rewrite_file(const char *path, const EditFn &edit) {
     // its section with the values it already has.
     if (exists && same_content(out.pieces(), old)) return result;
 
-    std::string tmpl = dir_prefix + "." + base + ".XXXXXX";
-    TempName tmp;
-    Fd tfd{::mkostemp(tmpl.data(), O_CLOEXEC)};
-    if (!tfd.ok()) {
-        QC_FAIL(ERR_OPEN_FAILED);
+    // Owner and mode of the old file; a new one (or, in a shared directory,
+    // one replacing a foreign file) is the writer's with 0644.  Only root may
+    // give a file away; an unprivileged writer keeps its own ownership.
+    uid_t uid = static_cast<uid_t>(-1);
+    gid_t gid = static_cast<gid_t>(-1);
+    mode_t mode = 0644;
+    if (exists) {
+        if (st.st_uid != ::geteuid() || st.st_gid != ::getegid()) {
+            uid = st.st_uid;
+            gid = st.st_gid;
+        }
+        mode = st.st_mode & 07777;
+    }
+    const auto &pieces = out.pieces();
+    int rc = sf::replace_pieces(dfd.get(), base.c_str(), pieces.data(), pieces.size(), mode, uid, gid);
+    if (rc == EPERM && uid != static_cast<uid_t>(-1))
+        rc = sf::replace_pieces(dfd.get(), base.c_str(), pieces.data(), pieces.size(), mode);
+    if (rc != 0) {
+        QC_FAIL(rc == EXDEV || rc == EBUSY || rc == EISDIR ? ERR_RENAME_FAILED : ERR_WRITE_FAILED);
         return -1;
     }
-    tmp.path = tmpl;
-    if (!write_pieces(tfd.get(), out.pieces())) {
-        QC_FAIL(ERR_WRITE_FAILED);
-        return -1;
-    }
-    // Owner before mode: a chown clears set-id bits that the chmod restores.
-    if (exists && (st.st_uid != ::geteuid() || st.st_gid != ::getegid())) {
-        // Only root may give a file away; an unprivileged writer keeps its own ownership.
-        (void)::fchown(tfd.get(), st.st_uid, st.st_gid);
-    }
-    if (::fchmod(tfd.get(), exists ? (st.st_mode & 07777) : 0644) != 0 || ::fsync(tfd.get()) != 0 ||
-        ::close(tfd.release()) != 0) {
-        QC_FAIL(ERR_WRITE_FAILED);
-        return -1;
-    }
-    if (::rename(tmp.path.c_str(), target.c_str()) != 0) {
-        QC_FAIL(ERR_RENAME_FAILED);
-        return -1;
-    }
-    tmp.committed = true;
-    // The rename is only durable once the directory is; some file systems
-    // refuse fsync on a directory, which does not undo the rename.
-    Fd dfd{::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
-    if (dfd.ok()) (void)::fsync(dfd.get());
     return result;
 }
 

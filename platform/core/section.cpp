@@ -135,7 +135,7 @@ bool render_entries(PQLIBSZHASH hash, const char *fmt, std::string &out) {
 }
 
 int read_or_fail(const char *path, std::string &data) {
-    int rc = qc::read_whole(path, data);
+    int rc = qc::read_table(path, data);
     if (rc != 0) {
         QC_FAIL(rc == ENOENT ? ERR_OPEN_FAILED : ERR_READ_FAILED);
         return -1;

@@ -1,6 +1,7 @@
 // Small helpers of the core library: descriptors, lines, whole-file reads,
 // line formats and directory creation.
 #include "core_internal.hpp"
+#include "safe_file.hpp"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -154,6 +155,19 @@ int read_whole(const char *path, std::string &out) {
     struct stat st {};
     if (::fstat(fd.get(), &st) == 0 && S_ISDIR(st.st_mode)) return EISDIR;
     return read_whole_fd(fd.get(), out);
+}
+
+int read_table(const char *path, std::string &out) {
+    namespace sf = qp::safefile;
+    out.clear();
+    std::string dir, name;
+    if (!sf::split_path(path, dir, name)) return EISDIR;
+    Fd dfd{sf::open_dir(dir.c_str())};
+    if (!dfd.ok()) return errno == ENOTDIR ? ENOENT : (errno ? errno : EIO);
+    const bool shared = sf::dir_is_shared_fd(dfd.get());
+    Fd fd{sf::open_read(dfd.get(), name.c_str(), shared)};
+    if (!fd.ok()) return errno == sf::kUntrusted ? ENOENT : (errno ? errno : EIO);
+    return shared ? sf::read_bounded(fd.get(), out, sf::kTableLimit) : read_whole_fd(fd.get(), out);
 }
 
 int make_dirs(const std::string &dir, mode_t mode) {

@@ -30,6 +30,7 @@ extern "C" {
 #define ERR_FIELD_NOT_FOUND    0x2600u
 #define ERR_RENAME_FAILED      0x2800u
 #define ERR_EXTERNAL_FAILED    0x2A00u
+#define ERR_SIGCHLD_IGNORED    0x2B00u /* a program run refused: the caller ignores SIGCHLD */
 #define ERR_REMOVE_KEY_FAILED  0x3900u
 #define ERR_VALUE_TOO_LONG     0xBF00u
 #define ERR_SERVICE_RUNNING    0xD000u
@@ -156,18 +157,29 @@ QLIBC_API int QLIBCStrReplace(const char *szSrc, const char *szPattern, const ch
 
 /* ---- Programs and processes ------------------------------------------------------ */
 /*
- * Programs run by absolute path without a shell: stdin and stderr on
- * /dev/null, stdout on /dev/null (or the stream of QLIBCPopen), an empty
- * signal mask and default dispositions, the caller's environment without LANG
- * and LC_* plus LC_ALL=C.  Exec/Execl/Execv: 0 for exit status 0, the exit
- * status when non-zero, negative when the program could not start (-1) or was
- * killed by a signal (-(128 + signal)).  QLIBCExec alone expands arguments
- * holding * ? or [ like a shell word (sorted matches; no match: unchanged).
+ * Programs run by absolute path without a shell, every argument passed as it
+ * is (no wildcard expansion): stdin and stderr on /dev/null, stdout on
+ * /dev/null (or the stream of QLIBCPopen), no other descriptor (all above 2
+ * are closed in the child, close-on-exec or not), an empty signal mask and
+ * default dispositions, the caller's environment without LANG and LC_* plus
+ * LC_ALL=C.  Exec/Execl/Execv: 0 for exit status 0, the exit status when
+ * non-zero (an answer, not a failure: the error slot is left alone), negative
+ * with the slot set when the program could not start (-1) or was killed by a
+ * signal (-(128 + signal)).
+ * Every run is bounded to 120 s: a program still running then is killed
+ * (-(128 + 9), ERR_EXTERNAL_FAILED, one LOG_ERR line).  A QLIBCPopen stream
+ * ends after 16 MiB of output; the program is then killed and QLIBCPclose
+ * fails the same way.  A caller whose SIGCHLD disposition is SIG_IGN (or
+ * SA_NOCLDWAIT) gets -1 (NULL from QLIBCPopen) with ERR_SIGCHLD_IGNORED, and
+ * the program is not run: its exit status could not be collected.
  * QLIBCPclose: the exit status (0 or more; a child ended by SIGPIPE because
  * the reader closed early counts as 0), negative when the child cannot be
- * waited for or a signal other than SIGPIPE ended it.
- * QLIBCIsProcAlive: non-zero when a process of exactly that name runs
- * (zombies do not count; names past 15 bytes compare argv[0]'s base name).
+ * waited for, a signal other than SIGPIPE ended it, or a bound cut it short.
+ * QLIBCIsProcAlive: non-zero when a process of exactly that name runs and
+ * belongs to root (zombies do not count; names past 15 bytes compare
+ * argv[0]'s base name).  For "cupsd" and "avahi-daemon" the process must
+ * also run /usr/sbin/<name>.  0 otherwise; the slot is set only for a bad
+ * argument or when /proc cannot be listed.
  */
 QLIBC_API int QLIBCExec(const char *szPath, const char *szArg1, const char *szArg2, const char *szArg3,
                         const char *szArg4);
@@ -180,12 +192,19 @@ QLIBC_API int QLIBCIsProcAlive(const char *szName);
 /* ---- Secrets ----------------------------------------------------------------------- */
 /*
  * Authenticated encryption under the appliance key /usr/qora/etc/.qoracrypt.key
- * (created on first use, mode 0600), output URL-safe base64 without padding.
- * Non-zero on success; 0 for an empty secret, an output that does not fit, or
- * a stored text that was changed.  A 255-byte secret takes 394 bytes + NUL.
+ * (created on first use, mode 0600, O_EXCL; a key file that is not a regular
+ * file of root's, or that group or others may read, is refused and never
+ * replaced), output URL-safe base64 without padding.  The Named forms bind the
+ * value to the name it is stored under (associated data): it opens only under
+ * that same name, so stored values cannot be swapped between names; the plain
+ * forms use the empty name.  Non-zero on success; 0 for an empty secret, an
+ * output that does not fit, a stored text that was changed or moved, or a
+ * refused key.  A 255-byte secret takes 394 bytes + NUL.
  */
 QLIBC_API int QLIBCCryptSzEncrypt(const char *szPlain, char *szBuf, int cbBuf);
 QLIBC_API int QLIBCCryptSzDecrypt(const char *szStored, char *szBuf, int cbBuf);
+QLIBC_API int QLIBCCryptSzEncryptNamed(const char *szName, const char *szPlain, char *szBuf, int cbBuf);
+QLIBC_API int QLIBCCryptSzDecryptNamed(const char *szName, const char *szStored, char *szBuf, int cbBuf);
 
 #ifdef __cplusplus
 }

@@ -16,7 +16,9 @@ namespace {
 
 struct Service {
     const char *name;      // as callers name it
-    const char *process;   // its process name in /proc/<pid>/stat
+    const char *process;   // its process name; the core library also checks
+                           // that the process runs `program` as root (or as
+                           // the account the daemon drops to)
     const char *program;   // absolute path; it puts itself in the background
     const char *option;    // one argument or NULL
     const char *socket;    // unix socket that accepts once the service is ready
@@ -78,7 +80,12 @@ extern "C" QLIBSDK_API int QLIBServiceStart(const char *szService, int iOptions)
     // rather than start a second copy.
     if (!QLIBCIsProcAlive(s->process)) {
         char *const argv[] = {const_cast<char *>(s->program), const_cast<char *>(s->option), nullptr};
-        if (QLIBCExecv(s->program, argv, 1) != 0) return -1;  // the core library set the slot
+        int rc = QLIBCExecv(s->program, argv, 1);
+        if (rc != 0) {
+            // A negative result set the slot already; an exit status did not.
+            if (rc > 0) SDK_FAIL(ERR_EXTERNAL_FAILED);
+            return -1;
+        }
     }
     const long long deadline = now_ms() + kReadyLimitMs;
     for (;;) {

@@ -37,8 +37,9 @@ void each_line(std::string_view data, F &&f) {
 
 }  // namespace
 
-int read(const char *name, std::size_t limit, std::string &text) {
-    return safefile::read_file(kDir, name, text, limit);
+int read(const char *name, std::size_t limit, std::string &text, bool *untrusted) {
+    if (untrusted) *untrusted = false;
+    return safefile::read_file(kDir, name, text, limit, true, untrusted);
 }
 
 int replace(const char *name, std::string_view text) {

@@ -19,8 +19,9 @@ namespace qp::tmpfile {
 inline constexpr const char *kDir = "/tmp";
 
 // Reads /tmp/NAME into text: 0; ENOENT when missing or not trustworthy (text
-// empty); EFBIG over the limit; another errno when it cannot be read.
-int read(const char *name, std::size_t limit, std::string &text);
+// empty, *untrusted set for the latter); EFBIG over the limit; another errno
+// when it cannot be read.
+int read(const char *name, std::size_t limit, std::string &text, bool *untrusted = nullptr);
 
 // Replaces /tmp/NAME by text (root, 0644): 0 or errno.
 int replace(const char *name, std::string_view text);

@@ -18,11 +18,12 @@ namespace {
 constexpr const char *kSection = "Google Cloud Print";
 constexpr int kCryptBuf = 512;
 
-// Deciphers stored into the field; false (after logging) when it cannot.
+// Deciphers the value stored under key into the field; false when it cannot
+// (a value sealed under another key does not open).
 template <std::size_t N>
-bool decipher_into(const char *stored, char (&field)[N]) {
+bool decipher_into(const char *key, const char *stored, char (&field)[N]) {
     char plain[kCryptBuf] = {};
-    if (::QLIBCCryptSzDecrypt(stored, plain, kCryptBuf) == 0) {
+    if (::QLIBCCryptSzDecryptNamed(key, stored, plain, kCryptBuf) == 0) {
         ::explicit_bzero(plain, sizeof plain);
         return false;
     }
@@ -49,14 +50,14 @@ QP_EXPORT int QORAPrinterGoogleInfoGet(PrinterGoogleInfo *pInfo) {
     qp::copy_cut(pInfo->szAccount, account);
 
     if (const char *pass = hash.value("google pass")) {
-        if (!decipher_into(pass, pInfo->szPassword)) {
+        if (!decipher_into("google pass", pass, pInfo->szPassword)) {
             QP_LOG_ERR("decrypt failed");
             return -1;
         }
         return 0;
     }
     if (const char *token = hash.value("refresh token")) {
-        if (!decipher_into(token, pInfo->szRefreshToken)) {
+        if (!decipher_into("refresh token", token, pInfo->szRefreshToken)) {
             QP_LOG_ERR("decrypt failed");
             return -1;
         }

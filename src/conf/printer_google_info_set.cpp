@@ -46,7 +46,7 @@ QP_EXPORT int QORAPrinterGoogleInfoSet(const PrinterGoogleInfo *pInfo) {
         Wiped plain, sealed;
         qp::copy_cut(plain.buf, qp::field_view(pInfo->szPassword));
         if (plain.buf[0] != '\0') {
-            if (::QLIBCCryptSzEncrypt(plain.buf, sealed.buf, kCryptBuf) == 0) {
+            if (::QLIBCCryptSzEncryptNamed("google pass", plain.buf, sealed.buf, kCryptBuf) == 0) {
                 QP_LOG_ERR("encrypt failed");
                 return -1;
             }
@@ -56,7 +56,7 @@ QP_EXPORT int QORAPrinterGoogleInfoSet(const PrinterGoogleInfo *pInfo) {
             }
         } else {
             qp::copy_cut(plain.buf, qp::field_view(pInfo->szRefreshToken));
-            if (::QLIBCCryptSzEncrypt(plain.buf, sealed.buf, kCryptBuf) == 0) {
+            if (::QLIBCCryptSzEncryptNamed("refresh token", plain.buf, sealed.buf, kCryptBuf) == 0) {
                 QP_LOG_ERR("encrypt failed");
                 return -1;
             }

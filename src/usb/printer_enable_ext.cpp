@@ -48,14 +48,15 @@ bool usbtab_key_ok(const char *key) {
 // takes 1-1.2 and 1-10.  Runs under LOCK_USBIDMAP.  The table is read and
 // replaced through qp::tmpfile: a usbtab that is not root's own reads as
 // empty and is replaced, never written through.
-int UsbtabUpdate(int iAction, const char *szDevName, const char *szBusId) {
+int UsbtabEdit(int iAction, const char *szDevName, const char *szBusId) {
     if (iAction != 0)
         QP_CHECK_QUIET(-1, usbtab_key_ok(szDevName) && szBusId != nullptr && szBusId[0] != '\0');
     else if (szBusId == nullptr)
         QP_CHECK_QUIET(-1, usbtab_key_ok(szDevName));
 
     std::string old;
-    const int rd = qp::tmpfile::read(kUsbtabName, qp::safefile::kTableLimit, old);
+    bool untrusted = false;
+    const int rd = qp::tmpfile::read(kUsbtabName, qp::safefile::kTableLimit, old, &untrusted);
     if (rd != 0 && rd != ENOENT) {
         QP_LOG_ERR("read usbtab failed (%s)", strerror(rd));
         QP_SET_ERR(rd == EFBIG ? ERR_VALUE_TOO_LONG : ERR_READ_FAILED);
@@ -63,6 +64,7 @@ int UsbtabUpdate(int iAction, const char *szDevName, const char *szBusId) {
     }
 
     std::string text;
+    std::string removed = szDevName ? szDevName : "";
     if (iAction != 0) {
         text = qp::tmpfile::set_key(old, szDevName, szBusId);
     } else if (szBusId == nullptr) {
@@ -74,19 +76,27 @@ int UsbtabUpdate(int iAction, const char *szDevName, const char *szBusId) {
             if (e.key.compare(0, 2, "lp") != 0) continue;
             if (e.value.size() < cbBus || strncasecmp(e.value.data(), szBusId, cbBus) != 0) continue;
             text = qp::tmpfile::remove_key(text, e.key);
+            if (removed.empty()) removed = e.key;
         }
     }
-    // A missing table stays missing when nothing is to be removed.
-    if (text == old && rd == 0) return 0;
-    if (text.empty() && rd == ENOENT) return 0;
+    // Nothing changes: no write, and a missing table stays missing.  A table
+    // that is not root's own is replaced all the same.
+    if (!untrusted && text == old && (rd == 0 || text.empty())) return 0;
 
     const int wr = qp::tmpfile::replace(kUsbtabName, text);
     if (wr != 0) {
-        QP_LOG_ERR("write usbtab failed (%s), devname=%s", strerror(wr), szDevName ? szDevName : "");
         QP_SET_ERR(ERR_WRITE_FAILED);
+        if (iAction != 0)
+            QP_LOG_ERR("Set usbtab failed, devname=%s, device=%s (%s)", szDevName, szBusId, strerror(wr));
+        else
+            QP_LOG_ERR("rm usbtab failed, key=%s (%s)", removed.c_str(), strerror(wr));
         return -1;
     }
     return 0;
+}
+
+int UsbtabUpdate(int iAction, const char *szDevName, const char *szBusId) {
+    return QP_GUARD(-1, { return UsbtabEdit(iAction, szDevName, szBusId); });
 }
 
 // Copies at most cut characters of src (or of its first n) into a field.

@@ -142,10 +142,10 @@ TEST_F(CupsTest, EnableSwitchesUsbprinter1WithItsTwin) {
     for (const char *q : {"usbprinter1", "usbprinter", "usbprinter2"}) ASSERT_TRUE(Cupsd::add_queue(q, usb_uri(kId1)));
     Recorder disable("/usr/bin/cupsdisable", "/usr/sbin/cupsdisable");
 
-    // Only the name usbprinter1, in any case, has a twin; a long name is cut to 127 characters.
+    // Only the name usbprinter1, in any case, has a twin; a name over 127 characters is refused, never cut.
     EXPECT_EQ(QORAPrinterCupsPrinterEnable("UsbPrinter1", 0), 0);
     EXPECT_EQ(QORAPrinterCupsPrinterEnable(std::string(200, 'q').c_str(), 0), -1);
-    EXPECT_EQ(disable.runs(), each({"/usr/bin/cupsdisable"}, {"UsbPrinter1", "usbprinter", std::string(127, 'q')}));
+    EXPECT_EQ(disable.runs(), each({"/usr/bin/cupsdisable"}, {"UsbPrinter1", "usbprinter"}));
     EXPECT_EQ(QORAPrinterCupsPrinterEnable("usbprinter1", 1), 0);
     EXPECT_FALSE(Cupsd::is_stopped("usbprinter"));
 
@@ -358,7 +358,8 @@ TEST_F(CupsTest, ScrubDropsUsbBlocksAtomicallyOnlyWhileCupsdIsStopped) {
     EXPECT_EQ(qpt::read_file(qpcups::kPrintersConf), live);
 
     // Stopped: only the USB names go; indented and other tags are copied, CRLF lines match, a long
-    // line is cut in pieces, an unclosed block runs to the end; mode and owner kept, no copy left.
+    // line stays one line (its tail is no header), an unclosed block runs to the end; mode and owner
+    // kept, no copy left.
     g_cupsd->stop();
     const std::string head = "# head\r\n<Printer office>\nkeep0\n</Printer>\n<Printer usbprinter10>\n</Printer>\n";
     qpt::write_file(qpcups::kPrintersConf,
@@ -370,7 +371,7 @@ TEST_F(CupsTest, ScrubDropsUsbBlocksAtomicallyOnlyWhileCupsdIsStopped) {
     ASSERT_EQ(QORAPrinterCupsUsbConfRmAll(), 0);
     EXPECT_EQ(qpt::read_file(qpcups::kPrintersConf),
               head + "  <Printer usbprinter1>\nkeep1\n</Printer>\n<Class usbprinter2>\nkeep2\n</Class>\n" +
-                  std::string(1023, 'x') + "keep3\n");
+                  std::string(1023, 'x') + "<Printer usbprinter2>\ndropped\n</Printer>\nkeep3\n");
     struct stat after = {};
     ASSERT_EQ(stat(qpcups::kPrintersConf, &after), 0);
     EXPECT_EQ(after.st_mode & 07777, 0600u);

@@ -142,6 +142,22 @@ TEST(Crypt, RoundTripTamperingAndSizes) {
     for (const auto &[stored, size] : {std::pair{tampered, 512}, {std::string(a, 60), 512}, {std::string(a), 255}})
         EXPECT_EQ(QLIBCCryptSzDecrypt(stored.c_str(), plain, size), 0) << stored.size() << " " << size;
     EXPECT_EQ(QLIBCCryptSzEncrypt(secret.c_str(), b, 394), 0);
+    // Sealed under one name, a value opens under that name only.
+    ASSERT_NE(QLIBCCryptSzEncryptNamed("google pass", "pw", a, sizeof a), 0);
+    for (const char *other : {"refresh token", "google pass "})
+        EXPECT_EQ(QLIBCCryptSzDecryptNamed(other, a, plain, sizeof plain), 0) << other;
+    EXPECT_EQ(QLIBCCryptSzDecrypt(a, plain, sizeof plain), 0);
+    ASSERT_NE(QLIBCCryptSzDecryptNamed("google pass", a, plain, sizeof plain), 0);
+    EXPECT_STREQ(plain, "pw");
+    // A key file others may read, or that root does not own, is refused and kept.
+    const std::string key_bytes = qpt::read_file(key);
+    for (auto [mode, owner] : {std::pair{0640, 0}, {0600, 65534}}) {
+        ASSERT_EQ(chmod(key, mode) | chown(key, owner, 0), 0);
+        EXPECT_EQ(QLIBCCryptSzDecryptNamed("google pass", a, plain, sizeof plain), 0) << mode << " " << owner;
+        EXPECT_EQ(QLIBCCryptSzEncrypt("x", b, sizeof b), 0);
+        EXPECT_EQ(qpt::read_file(key), key_bytes);
+        ASSERT_EQ(chmod(key, 0600) | chown(key, 0, 0), 0);
+    }
     // Another appliance's key cannot read this one's secrets.
     qpt::remove_file(key);
     EXPECT_EQ(QLIBCCryptSzDecrypt(a, plain, sizeof plain), 0);

@@ -274,4 +274,24 @@ TEST(Attacker, MachineUnchangedAndEveryCallReturnsInTime) {
     }
 }
 
+// Where the name policy draws its lines: plain names of up to 127 bytes pass
+// whole, dots and blanks inside included; nothing is cut to fit.
+TEST(Attacker, NamesPassWholeOrAreRefused) {
+    const struct {
+        std::string name;
+        bool passes;
+    } rows[] = {
+        {"04a9:1827:A B", true}, {"a..b", true}, {".", true}, {std::string(127, 'i'), true},
+        {std::string(128, 'i'), false}, {"..", false}, {"x/y", false}, {"-x", false}, {"a\tb", false},
+        {"a\x7f", false}, {"", false},
+    };
+    for (const auto &row : rows) {
+        char buf[16] = "-";
+        const int rc = QORAPrinterUsbipGetLockStatus(row.name.c_str(), buf, sizeof buf);
+        EXPECT_EQ(rc, row.passes ? 0 : -1) << row.name;
+        EXPECT_STREQ(buf, row.passes ? "Free" : "-") << row.name;
+        if (!row.passes) { EXPECT_EQ(QLIBCErrGet(), ERR_BAD_PARAMETER) << row.name; }
+    }
+}
+
 }  // namespace

@@ -1,0 +1,243 @@
+// What a local user can try against the platform libraries running as root:
+// links, FIFOs, foreign and huge files in /tmp, holding the library's locks,
+// look-alike daemons, and what a careless caller leaves open.  For each row
+// a child dropped to uid/gid 65534 plants something; root then makes its
+// calls in a child of its own (killed at the time bound) that must give the
+// expected answers; and the watched root file must be exactly as before.
+#include <fcntl.h>
+#include <grp.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "qoracore.h"
+#include "qorasdk.h"
+#include "qorausb.h"
+#include "qp_test.hpp"
+
+namespace {
+
+using Step = std::function<bool()>;
+
+constexpr uid_t kNobody = 65534;
+constexpr int kBoundSeconds = 10;
+const std::string kTarget = "/etc/qp-platform-target";  // a root file a link points at
+const char *kUsbtab = "/tmp/usbtab";
+std::vector<pid_t> g_holders;  // planted processes, killed after each row
+
+void drop_to_nobody() {
+    if (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0) _exit(2);
+}
+
+// Runs f in a child (as 65534 when `nobody`) within kBoundSeconds: 0 when f
+// returned true, 1 when false, -1 when it had to be killed.
+int in_child(const Step &f, bool nobody) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        if (nobody) drop_to_nobody();
+        _exit(f() ? 0 : 1);
+    }
+    const time_t end = time(nullptr) + kBoundSeconds;
+    int status = 0;
+    while (waitpid(pid, &status, WNOHANG) == 0) {
+        if (time(nullptr) >= end) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            return -1;
+        }
+        usleep(20000);
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+}
+
+// Starts a process of 65534 that keeps running for the row; `setup` runs in
+// it first (false: the process gives up).  True once it reported back.
+bool background(const std::function<bool()> &setup, const std::vector<std::string> &exec = {}) {
+    int ready[2];
+    if (pipe(ready) != 0) return false;
+    const pid_t pid = fork();
+    if (pid == 0) {
+        close(ready[0]);
+        char ok = setup() ? 1 : 0;
+        if (!exec.empty()) fcntl(ready[1], F_SETFD, FD_CLOEXEC);  // closed by the exec: ready
+        if (ok && !exec.empty()) {
+            std::vector<char *> argv;
+            for (const auto &a : exec) argv.push_back(const_cast<char *>(a.c_str()));
+            argv.push_back(nullptr);
+            execv(argv[0], argv.data());
+            ok = 0;
+        }
+        (void)!write(ready[1], &ok, 1);
+        if (ok) pause();
+        _exit(0);
+    }
+    close(ready[1]);
+    g_holders.push_back(pid);
+    char ok = 1;  // after an exec nothing is written: EOF means it runs
+    const bool answered = read(ready[0], &ok, 1) >= 0;
+    close(ready[0]);
+    return answered && ok;
+}
+
+// A planting step run as 65534 in a child that ends with it.
+Step as_nobody(Step f) {
+    return [=] { return in_child(f, true) == 0; };
+}
+
+// As 65534: hold an flock on each path it can open (creating those in /tmp).
+Step hold_locks(std::vector<std::string> paths) {
+    return [=] {
+        return background([=] {
+            drop_to_nobody();
+            for (const auto &p : paths) {
+                const int fd = open(p.c_str(), O_RDONLY | O_CREAT | O_NONBLOCK, 0666);
+                if (fd >= 0) flock(fd, LOCK_EX | LOCK_NB);
+            }
+            return true;
+        });
+    };
+}
+
+// As 65534: run a copy of /bin/sleep under a daemon's name.
+Step look_alike(const char *name) {
+    return [=] {
+        const std::string copy = std::string("/tmp/") + name;
+        return background([=] {
+            drop_to_nobody();
+            return std::filesystem::copy_file("/bin/sleep", copy) && chmod(copy.c_str(), 0755) == 0;
+        }, {copy, "60"});
+    };
+}
+
+bool root_file_is(const char *path, const std::string &content) {
+    struct stat st {};
+    return lstat(path, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == 0 && (st.st_mode & 07777) == 0644 &&
+           st.st_nlink == 1 && qpt::read_file(path) == content;
+}
+
+int usb_count() {
+    int need = 0;
+    return QORAUSBDevEnum(QORAUSB_TYPE_PRINTER | QORAUSB_TYPE_STORAGE, nullptr, 0, &need);
+}
+
+// usbtab reads as empty and a write leaves root's own file with just its line.
+bool usbtab_absent_then_replaced() {
+    char buf[64];
+    PQLIBSZHASH h = nullptr;
+    const bool absent = usb_count() == 0 && QLIBCFileGetKeyValue(kUsbtab, "lp0", buf, sizeof buf, 0) < 0 &&
+                        QLIBCFileGetPair(kUsbtab, &h) < 0;
+    QLIBCSzHashFree(h);
+    return absent && QLIBCFileSetKeyValue(kUsbtab, "lp1", "2-1", nullptr) == 0 &&
+           root_file_is(kUsbtab, "lp1=\"2-1\"\n");
+}
+
+struct Row {
+    const char *what;
+    Step plant;  // by root, dropping to 65534 for everything it plants
+    Step call;   // as root: true when every answer is the expected one
+};
+
+TEST(AttackerPlatform, MachineUnchangedAndEveryCallReturnsInTime) {
+    ASSERT_TRUE(qpt::in_sandbox()) << "run inside qp-sandbox";
+    const Step nothing = [] { return true; };
+    const Row rows[] = {
+        // Files in /tmp: a link to a root file, a FIFO, the user's own or huge files.
+        {"usbtab link", as_nobody([] { return symlink(kTarget.c_str(), kUsbtab) == 0; }), usbtab_absent_then_replaced},
+        {"usbtab FIFO", as_nobody([] { return mkfifo(kUsbtab, 0666) == 0; }), usbtab_absent_then_replaced},
+        {"usbtab of the user", as_nobody([] {
+             qpt::write_file(kUsbtab, "lp0=\"1-1\"\n", 0666);
+             return chmod(kUsbtab, 0666) == 0;
+         }),
+         usbtab_absent_then_replaced},
+        {"usbtab of 1 GiB of the user", as_nobody([] {
+             qpt::write_file(kUsbtab, "lp0=\"1-1\"\n");
+             return truncate(kUsbtab, 1L << 30) == 0;
+         }),
+         usbtab_absent_then_replaced},
+        {"usbtab of 1 GiB of root's", nothing, [] {
+             char buf[64];
+             qpt::write_file(kUsbtab, "lp0=\"1-1\"\n");
+             return truncate(kUsbtab, 1L << 30) == 0 && QLIBCFileGetKeyValue(kUsbtab, "lp0", buf, sizeof buf, 0) < 0 &&
+                    QLIBCErrGet() == ERR_READ_FAILED && usb_count() == 0;
+         }},
+        // Locks: the user holds whatever lock file it can open.
+        {"lock holder", hold_locks({"/run/qorasdk/lock/lock_printer", "/run/qorasdk/lock/lock_usbidmap",
+                                    "/tmp/.usbtab.lock", "/run/qorasdk/lock/rewrite%2Ftmp%2Fusbtab"}),
+         [] {
+             int fd = -1;
+             return QLIBCFileLockByFile("/run/qorasdk/lock/lock_printer", 1, &fd) == 1 &&
+                    QLIBCFileLock(LOCK_USBIDMAP | LOCK_MODE_EX_WAIT, 2) == 0 &&
+                    QLIBCFileSetKeyValue(kUsbtab, "lp1", "2-1", nullptr) == 0 &&
+                    QLIBCFileLockByFile("/tmp/qp-lock", 1, &fd) < 0;  // no lock where others can write
+         }},
+        // Services: a process merely named like a daemon does not count.
+        {"cupsd look-alike", look_alike("cupsd"),
+         [] { return QLIBServiceIsRunning("cupsd") == 0 && QLIBCIsProcAlive("cupsd") == 0; }},
+        {"avahi-daemon look-alike", look_alike("avahi-daemon"), [] { return QLIBCIsProcAlive("avahi-daemon") == 0; }},
+        // Programs: what the caller left open or ignored does not reach or fool them.
+        {"inherited descriptor", nothing, [] {
+             const int fd = open(kTarget.c_str(), O_RDONLY);  // not close-on-exec
+             const std::string self = "/proc/self/fd/" + std::to_string(fd);
+             FILE *fp = QLIBCPopen("/usr/bin/readlink", "r", self.c_str(), nullptr);
+             char line[256] = "";
+             const bool seen = fp && fgets(line, sizeof line, fp) != nullptr;
+             return fp && !seen && QLIBCPclose(fp) == 1 &&
+                    QLIBCExec("/usr/bin/test", "-e", self.c_str(), nullptr, nullptr) == 1;
+         }},
+        {"SIGCHLD ignored", nothing, [] {
+             signal(SIGCHLD, SIG_IGN);
+             QLIBCErrSetEx(0, "", 0);
+             return QLIBCExec("/usr/bin/touch", "/tmp/qp-ran", nullptr, nullptr, nullptr) == -1 &&
+                    QLIBCErrGet() == ERR_SIGCHLD_IGNORED && !qpt::exists("/tmp/qp-ran") &&
+                    QLIBCPopen("/usr/bin/touch", "r", "/tmp/qp-ran", nullptr) == nullptr &&
+                    QLIBCErrGet() == ERR_SIGCHLD_IGNORED && !qpt::exists("/tmp/qp-ran");
+         }},
+        {"endless tool output", nothing, [] {
+             qpt::LogCapture log;
+             FILE *fp = QLIBCPopen("/usr/bin/yes", "r", nullptr);
+             size_t total = 0;
+             char buf[65536];
+             for (size_t n; fp && (n = fread(buf, 1, sizeof buf, fp)) > 0;) total += n;
+             return fp && total == size_t{16} << 20 && QLIBCPclose(fp) < 0 && QLIBCErrGet() == ERR_EXTERNAL_FAILED &&
+                    log.count(LOG_ERR, "/usr/bin/yes killed") == 1;
+         }},
+    };
+
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.what);
+        qpt::write_file(kTarget, "root's file\nlp0=\"1-1\"\n");
+        // The library's lock files exist already, as they do on a running appliance.
+        int fd = -1;
+        ASSERT_EQ(QLIBCFileLockByFile("/run/qorasdk/lock/lock_printer", 1, &fd), 1);
+        close(fd);
+        ASSERT_EQ(QLIBCFileLock(LOCK_USBIDMAP | LOCK_MODE_EX_WAIT, 1), 0);
+        ASSERT_EQ(QLIBCFileUnlock(LOCK_USBIDMAP), 0);
+        ASSERT_EQ(QLIBCFileSetKeyValue(kUsbtab, "lp9", "9-9", nullptr), 0);
+        unlink(kUsbtab);
+
+        ASSERT_TRUE(row.plant()) << "planting failed";
+        const int verdict = in_child(row.call, false);
+        EXPECT_NE(verdict, -1) << "no answer within " << kBoundSeconds << " s";
+        EXPECT_EQ(verdict, 0) << "unexpected answer";
+        EXPECT_EQ(qpt::read_file(kTarget), "root's file\nlp0=\"1-1\"\n");
+
+        for (pid_t pid : g_holders) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
+        g_holders.clear();
+        for (const char *p : {kUsbtab, "/tmp/.usbtab.lock", "/tmp/cupsd", "/tmp/avahi-daemon", "/tmp/qp-ran"})
+            unlink(p);
+    }
+}
+
+}  // namespace
