@@ -19,9 +19,13 @@ namespace {
 
 bool shared_mode(const struct stat &st) { return (st.st_mode & (S_IWGRP | S_IWOTH)) != 0; }
 
-// A directory is shared when others than root can write it, or when root
-// does not own it (its owner could change its mode or plant links).
-bool shared_dir(const struct stat &st) { return st.st_uid != 0 || shared_mode(st); }
+// Owners whose files and directories are trusted: root, and the process's
+// own user (the same when the library runs as root, as it does).
+bool trusted_owner(uid_t uid) { return uid == 0 || uid == ::geteuid(); }
+
+// A directory is shared when others can write it, or when its owner is not
+// trusted (it could change its mode or plant links).
+bool shared_dir(const struct stat &st) { return !trusted_owner(st.st_uid) || shared_mode(st); }
 
 int close_keep_errno(int fd) {
     int e = errno;
@@ -84,8 +88,14 @@ int open_read(int dirfd, const char *name, bool strict) {
     }
     struct stat st {};
     if (::fstat(fd, &st) != 0) return close_keep_errno(fd);
+    // A directory can be neither read nor replaced: an error, not absence.
+    if (S_ISDIR(st.st_mode)) {
+        ::close(fd);
+        errno = EISDIR;
+        return -1;
+    }
     bool ok = S_ISREG(st.st_mode);
-    if (ok && strict) ok = st.st_uid == 0 && !shared_mode(st) && st.st_nlink == 1;
+    if (ok && strict) ok = trusted_owner(st.st_uid) && !shared_mode(st) && st.st_nlink == 1;
     if (!ok) {
         ::close(fd);
         errno = kUntrusted;
@@ -156,14 +166,14 @@ int read_file(const char *dir, const char *name, std::string &out, size_t limit,
 }
 
 bool split_path(std::string_view path, std::string &dir, std::string &name) {
-    size_t slash = path.rfind('/');
-    if (slash == std::string_view::npos) {
-        dir = ".";
-        name = path;
-    } else {
-        dir = slash == 0 ? "/" : std::string(path.substr(0, slash));
-        name = path.substr(slash + 1);
-    }
+    const size_t slash = path.rfind('/');
+    // Assigned from views: gcc 12 mistakes assignments of short literals
+    // here for overlapping copies (-Wrestrict).
+    const std::string_view d = slash == std::string_view::npos ? std::string_view(".")
+                               : slash == 0                    ? std::string_view("/")
+                                                               : path.substr(0, slash);
+    dir.assign(d.data(), d.size());
+    name.assign(slash == std::string_view::npos ? path : path.substr(slash + 1));
     return !name.empty() && name != "." && name != "..";
 }
 
@@ -175,10 +185,10 @@ int create_temp(int dirfd, const char *name, std::string &tmpname) {
             for (size_t i = 0; i < sizeof rnd; ++i)
                 rnd[i] = static_cast<unsigned char>((::getpid() * 31 + attempt * 7 + static_cast<int>(i)) & 0xff);
         }
-        tmpname = ".";
-        tmpname += name;
-        tmpname += '.';
-        for (unsigned char c : rnd) tmpname += kChars[c % (sizeof kChars - 1)];
+        char suffix[sizeof rnd + 1];
+        for (size_t i = 0; i < sizeof rnd; ++i) suffix[i] = kChars[rnd[i] % (sizeof kChars - 1)];
+        suffix[sizeof rnd] = '\0';
+        tmpname = std::string(".") + name + "." + suffix;
         int fd = ::openat(dirfd, tmpname.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY,
                           0600);
         if (fd >= 0) return fd;

@@ -3,9 +3,10 @@
 // Policy: in a world-writable directory only a file that root could have
 // written alone is trusted.  A name there is opened through a descriptor of
 // its directory with O_NOFOLLOW | O_NONBLOCK, then checked with fstat: a
-// regular file, owned by root, not writable by group or others, exactly one
-// link.  Anything else (a symbolic link, a FIFO, a device, a hard link to
-// another file, a file some user created) is treated as ABSENT when read, and
+// regular file, owned by root (or by the process's own user, which is root
+// for the library), not writable by group or others, exactly one link.
+// Anything else (a symbolic link, a FIFO, a device, a hard link to another
+// file, a file some other user created) is treated as ABSENT when read, and
 // REPLACED when written: the new content goes into a fresh temporary file in
 // the same directory, which a rename puts over the name, so what stood there
 // is unlinked and never written through.
@@ -32,8 +33,8 @@ inline constexpr size_t kStatusLimit = size_t{64} << 10;
 // that only care whether there is a usable file treat it like ENOENT.
 inline constexpr int kUntrusted = EPERM;
 
-// True when the directory (by path or descriptor) is not root's or is
-// writable by group or others (sticky or not): such a directory needs the
+// True when the directory (by path or descriptor) is not root's (nor the
+// process's own user's) or is writable by group or others (sticky or not): such a directory needs the
 // checks above.  A directory that cannot be stat'ed counts as shared.
 bool dir_is_shared(const char *dir);
 bool dir_is_shared_fd(int dirfd);
@@ -47,7 +48,8 @@ int open_dir(const char *dir);
 // followed and the file must conform (above) or the result is -1 with errno
 // kUntrusted.  Without it (directories only root can write, where a link is
 // root's own doing), a link is followed and only a non-regular file is
-// refused (-1, kUntrusted).  A missing file is -1 with ENOENT.
+// refused (-1, kUntrusted).  A missing file is -1 with ENOENT; a directory
+// (which can be neither read nor replaced) is -1 with EISDIR in both modes.
 int open_read(int dirfd, const char *name, bool strict = true);
 
 // Reads the whole descriptor into out, at most `limit` bytes: EFBIG when the

@@ -115,17 +115,16 @@ ssize_t stream_read(void *cookie, char *buf, size_t size) {
             cut_stream(s, "ran past its time limit");
             return 0;
         }
+        // An interrupted wait is reported as an interrupted read would be:
+        // callers count and retry those themselves.
         struct pollfd p {s.fd, POLLIN, 0};
         int rc = ::poll(&p, 1, static_cast<int>(std::min<long long>(left, 1000)));
-        if (rc < 0 && errno != EINTR) return -1;
-        if (rc <= 0) continue;
+        if (rc < 0) return -1;
+        if (rc == 0) continue;
         char extra;
         const size_t room = kOutputLimit - s.total;
         ssize_t n = room > 0 ? ::read(s.fd, buf, std::min(size, room)) : ::read(s.fd, &extra, 1);
-        if (n < 0) {
-            if (errno == EINTR || errno == EAGAIN) continue;
-            return -1;
-        }
+        if (n < 0) return -1;
         if (room == 0) {
             if (n > 0) cut_stream(s, "wrote more output than allowed");
             return 0;

@@ -116,14 +116,10 @@ int rewrite_file(const char *path, const EditFn &edit) {
     }
     const bool shared = sf::dir_is_shared_fd(dfd.get());
 
-    Fd lock;
-    if (shared) {
-        lock.reset(open_private_lock(shared_lock_name(dir, base)));
-    } else {
-        const std::string lock_name = "." + base + ".lock";
-        lock.reset(::openat(dfd.get(), lock_name.c_str(), O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
-                            0600));
-    }
+    // The sidecar is 0600 (an older, wider one is narrowed): flock needs
+    // only a read descriptor, so a readable lock file could be held by anyone.
+    Fd lock{shared ? open_private_lock(shared_lock_name(dir, base))
+                   : open_lock_path((dir == "/" ? "" : dir) + "/." + base + ".lock")};
     if (!lock.ok()) {
         QC_FAIL(ERR_OPEN_FAILED);
         return -1;

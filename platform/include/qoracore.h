@@ -65,11 +65,19 @@ QLIBC_API int QLIBCSzHashCount(PQLIBSZHASH pHash);
 
 /*
  * Text files below are rewritten crash-safely: writers of one file serialise
- * on an flock of the sidecar file ".<name>.lock" in the same directory, read
- * the current content under it, write a temporary file beside the target
- * (owner and mode of the old file; 0644 for a new one), fsync it and rename it
- * over the target.  Readers take no lock and see the old or the new file.
- * Lines a writer does not change are kept byte for byte.
+ * on an flock of the sidecar file ".<name>.lock" (mode 0600) in the same
+ * directory, waiting at most 30 s (then ERR_LOCK_FAILED), read the current
+ * content under it, write a temporary file beside the target (owner and mode
+ * of the old file; 0644 for a new one), fsync it and rename it over the
+ * target.  Readers take no lock and see the old or the new file.  Lines a
+ * writer does not change are kept byte for byte.  No link is written
+ * through: a link at the name is read and then replaced by a file.
+ * In a directory that others may write (or that root does not own), such as
+ * /tmp, a file counts only when it is a regular file of root's, not writable
+ * by group or others, with one link: anything else (link, FIFO, a user's
+ * file) reads as missing and is replaced by a root file with mode 0644; a
+ * file there over 1 MiB fails to read (ERR_READ_FAILED); and the sidecar lock
+ * lives in /run/qorasdk/lock instead.  A directory at a name is an error.
  *
  * Keys, values and section names are written with every control byte except
  * tab (so CR and LF too) replaced by a blank, so a value can never start a
@@ -128,14 +136,19 @@ QLIBC_API int QLIBCFileSetSectionValue(const char *szFile, const char *szSection
 QLIBC_API int QLIBCFileExist(const char *szPath);
 QLIBC_API FILE *QLIBCFileTempFileOpen(char *szTemplate);
 /*
- * LockByFile: mode 1 only (exclusive, never waits); creates the file and its
- * directories; 1 with *pFd set when locked, 0 when another holder has it,
- * negative on error.  Closing *pFd releases the lock.
+ * LockByFile: mode 1 only (exclusive, never waits); creates the file (0600,
+ * never through a link) and its directories; 1 with *pFd set when locked, 0
+ * when another holder has it, negative on error.  Closing *pFd releases the
+ * lock.  The directory must be the caller's (root's) and not writable by
+ * group or others, or no one else could be kept from holding the lock: a
+ * lock file elsewhere (/tmp) is refused with ERR_OPEN_FAILED.  A lock file
+ * found with a wider mode is narrowed to 0600.
  */
 QLIBC_API int QLIBCFileLockByFile(const char *szFile, int iMode, int *pFd);
 
 /*
- * Named locks.  A request is the lock number or'ed with the wait mode.
+ * Named locks (files 0600 in /run/qorasdk/lock).  A request is the lock
+ * number or'ed with the wait mode.
  * QLIBCFileLock polls every 10 ms for up to iWaitLimit seconds: 0 when taken,
  * non-zero with ERR_LOCK_FAILED when not.  The lock belongs to the process
  * until QLIBCFileUnlock (non-zero with ERR_UNLOCK_FAILED when not held); a

@@ -1,6 +1,9 @@
 // Attached USB devices: the device names are the "lp*" keys of /tmp/usbtab
 // (value: the USB bus ID), the details come from the device's sysfs
-// directory /sys/bus/usb/devices/<bus ID>/.
+// directory /sys/bus/usb/devices/<bus ID>/.  usbtab lives in /tmp, so it is
+// read only through the core library's key-value readers: a usbtab that is
+// not root's own regular file (a link, a FIFO, a user's file) reads as
+// absent, nothing blocks, and a usbtab over 1 MiB is an error, never read.
 #include "qorausb.h"
 #include "qoracore.h"
 

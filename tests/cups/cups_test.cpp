@@ -302,6 +302,7 @@ TEST_F(CupsTest, NetAddBuildsTheUriFromTheRecordAndKeepsThePpdByPrinterId) {
     {
         Recorder cupsd("/usr/sbin/cupsd");
         cupsd.delay_ms(700);  // slow to start: the call waits for it
+        cupsd.restore_on_run();
         ASSERT_EQ(QORAPrinterNetCupsAdd(&conf, nullptr), 0);
         EXPECT_EQ(cupsd.runs(), (std::vector<Argv>{{"/usr/sbin/cupsd"}}));
     }

@@ -27,7 +27,7 @@ public:
         const std::string base = tool_.substr(slash + 1);
         dir_ = "/run/qp-rec/" + base + "/";
         qpt::mkdirs(dir_);
-        for (const char *f : {"log", "fail", "output", "delay_ms", "vanish"}) unlink((dir_ + f).c_str());
+        for (const char *f : {"log", "fail", "output", "delay_ms", "vanish", "restore"}) unlink((dir_ + f).c_str());
         char target[4096] = {0};
         if (readlink(tool_.c_str(), target, sizeof target - 1) > 0) old_link_ = target;
         if (old_link_.empty() && qpt::exists(tool_)) {
@@ -40,6 +40,7 @@ public:
         qpt::write_file(tool_, qpt::read_file(qpt::bin_path("qp-tool-recorder")), 0755);
     }
     ~Recorder() {
+        if (!saved_.empty() && !qpt::exists(saved_)) return;  // put back by its run already
         unlink(tool_.c_str());
         if (!old_link_.empty()) {
             if (symlink(old_link_.c_str(), tool_.c_str()) != 0) perror("symlink");
@@ -55,6 +56,9 @@ public:
     // Every run prints this instead of running the real tool.
     void play(const std::string &output) { qpt::write_file(dir_ + "output", output); }
     void delay_ms(int ms) { qpt::write_file(dir_ + "delay_ms", std::to_string(ms)); }
+    // The next run puts the real program back in the tool's place and runs
+    // it from there: a daemon runs its own program, as the service check wants.
+    void restore_on_run() { qpt::write_file(dir_ + "restore", ""); }
     // The tool is gone after its next run.
     void vanish_after_run() { qpt::write_file(dir_ + "vanish", ""); }
 

@@ -11,6 +11,8 @@
 //             tool; the run then exits 0 (or as "fail" says)
 //   delay_ms  wait this long first
 //   vanish    when present, this copy deletes itself after the run
+//   restore   when present, the real program is moved back over this copy
+//             and run from there (a daemon then runs its own program path)
 #include <limits.h>
 #include <signal.h>
 #include <stdio.h>
@@ -81,6 +83,9 @@ int main(int argc, char **argv) {
     std::string real = read_text(dir + "real", found);
     while (!real.empty() && (real.back() == '\n' || real.back() == ' ')) real.pop_back();
     if (real.empty()) return 127;
+    bool restore = false;
+    read_text(dir + "restore", restore);
+    if (restore && rename(real.c_str(), self) == 0) real = self;
     argv[0] = real.data();
     execv(real.c_str(), argv);
     return 127;

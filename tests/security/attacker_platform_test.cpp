@@ -35,6 +35,7 @@ constexpr uid_t kNobody = 65534;
 constexpr int kBoundSeconds = 10;
 const std::string kTarget = "/etc/qp-platform-target";  // a root file a link points at
 const char *kUsbtab = "/tmp/usbtab";
+const char *kConf = "/usr/qora/etc/printer.conf";
 std::vector<pid_t> g_holders;  // planted processes, killed after each row
 
 void drop_to_nobody() {
@@ -174,12 +175,14 @@ TEST(AttackerPlatform, MachineUnchangedAndEveryCallReturnsInTime) {
          }},
         // Locks: the user holds whatever lock file it can open.
         {"lock holder", hold_locks({"/run/qorasdk/lock/lock_printer", "/run/qorasdk/lock/lock_usbidmap",
-                                    "/tmp/.usbtab.lock", "/run/qorasdk/lock/rewrite%2Ftmp%2Fusbtab"}),
+                                    "/tmp/.usbtab.lock", "/run/qorasdk/lock/rewrite%2Ftmp%2Fusbtab",
+                                    "/usr/qora/etc/.printer.conf.lock"}),
          [] {
              int fd = -1;
              return QLIBCFileLockByFile("/run/qorasdk/lock/lock_printer", 1, &fd) == 1 &&
                     QLIBCFileLock(LOCK_USBIDMAP | LOCK_MODE_EX_WAIT, 2) == 0 &&
                     QLIBCFileSetKeyValue(kUsbtab, "lp1", "2-1", nullptr) == 0 &&
+                    QLIBCFileSetSectionValue(kConf, "P1", "k", "2") == 0 &&
                     QLIBCFileLockByFile("/tmp/qp-lock", 1, &fd) < 0;  // no lock where others can write
          }},
         // Services: a process merely named like a daemon does not count.
@@ -218,13 +221,18 @@ TEST(AttackerPlatform, MachineUnchangedAndEveryCallReturnsInTime) {
     for (const Row &row : rows) {
         SCOPED_TRACE(row.what);
         qpt::write_file(kTarget, "root's file\nlp0=\"1-1\"\n");
-        // The library's lock files exist already, as they do on a running appliance.
+        // The library's lock files exist already, as they do on a running
+        // appliance, two of them left readable by an earlier version.
+        for (const char *old : {"/run/qorasdk/lock/lock_printer", "/usr/qora/etc/.printer.conf.lock"})
+            qpt::write_file(old, "", 0644);
         int fd = -1;
         ASSERT_EQ(QLIBCFileLockByFile("/run/qorasdk/lock/lock_printer", 1, &fd), 1);
         close(fd);
         ASSERT_EQ(QLIBCFileLock(LOCK_USBIDMAP | LOCK_MODE_EX_WAIT, 1), 0);
         ASSERT_EQ(QLIBCFileUnlock(LOCK_USBIDMAP), 0);
         ASSERT_EQ(QLIBCFileSetKeyValue(kUsbtab, "lp9", "9-9", nullptr), 0);
+        qpt::write_file(kConf, "[P1]\n\tk = 0\n");
+        ASSERT_EQ(QLIBCFileSetSectionValue(kConf, "P1", "k", "1"), 0);
         unlink(kUsbtab);
 
         ASSERT_TRUE(row.plant()) << "planting failed";
