@@ -15,6 +15,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "cups/cups_scan.hpp"
 #include "frame.hpp"
 #include "names.hpp"
 #include "owners.hpp"
@@ -26,6 +27,30 @@ namespace {
 constexpr int kMaxPasses = 5;
 
 }  // namespace
+
+namespace qp::cups {
+
+LpqScan lpq_job_scan(FILE *pPipe, const char *szJobId) {
+    const int saved_errno = errno;
+    LpqScan scan = LpqScan::kEnd;
+    qp::MallocPtr<char> line;
+    size_t cap = 0;
+    for (;;) {
+        errno = 0;
+        if (getline(line.addr(), &cap, pPipe) < 0) {
+            if (ferror(pPipe)) scan = LpqScan::kReadError;
+            break;
+        }
+        if (strstr(line.get(), szJobId)) {
+            scan = LpqScan::kListed;
+            break;
+        }
+    }
+    errno = saved_errno;
+    return scan;
+}
+
+}  // namespace qp::cups
 
 QP_EXPORT int QORAPrinterCupsJobWaitComplete(const char *szPrinterId, const char *szJobId) {
     return QP_GUARD(-1, {
@@ -50,32 +75,13 @@ QP_EXPORT int QORAPrinterCupsJobWaitComplete(const char *szPrinterId, const char
                 return result;
             }
 
-            const int saved_errno = errno;
-            bool listed = false;
-            bool read_error = false;
-            {
-                qp::MallocPtr<char> line;
-                size_t cap = 0;
-                for (;;) {
-                    errno = 0;
-                    if (getline(line.addr(), &cap, pipe.get()) < 0) {
-                        read_error = ferror(pipe.get()) != 0;
-                        break;
-                    }
-                    if (strstr(line.get(), szJobId)) {
-                        listed = true;
-                        break;
-                    }
-                }
-            }
-            errno = saved_errno;
-
-            if (listed) {
+            const qp::cups::LpqScan scan = qp::cups::lpq_job_scan(pipe.get(), szJobId);
+            if (scan == qp::cups::LpqScan::kListed) {
                 QP_LOG_ERR("CheckJobIdInQueue failed. (%m)");
                 pipe.close();
                 return 1;
             }
-            if (read_error) {
+            if (scan == qp::cups::LpqScan::kReadError) {
                 pipe.close();
                 result = -1;
                 continue;

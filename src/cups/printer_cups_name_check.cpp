@@ -5,9 +5,33 @@
 // tested by substring only: the first line naming the queue decides.
 #include <string.h>
 
+#include "cups/cups_scan.hpp"
 #include "frame.hpp"
 #include "qorasdk.h"
 #include "queue_listing.hpp"
+
+namespace {
+
+// The first line naming the queue decides: 1 when it also names the
+// printer, 2 when it names another device.
+struct NameVisit {
+    const char *printer_id;
+    const char *queue;
+    int &answer;
+    bool operator()(const char *line) const {
+        if (!strstr(line, queue)) return false;
+        answer = strstr(line, printer_id) ? 1 : 2;
+        return true;
+    }
+};
+
+}  // namespace
+
+int qp::cups::name_check_scan(FILE *pPipe, const char *szPrinterId, const char *szCupsPrinterName) {
+    int answer = 0;
+    return qp::read_listing(pPipe, NameVisit{szPrinterId, szCupsPrinterName, answer}) == qp::Listing::kFailed ? -1
+                                                                                                              : answer;
+}
 
 QP_EXPORT int QORAPrinterCupsNameCheck(const char *szPrinterId, const char *szCupsPrinterName) {
     return QP_GUARD(-1, {
@@ -20,15 +44,8 @@ QP_EXPORT int QORAPrinterCupsNameCheck(const char *szPrinterId, const char *szCu
             return 0;
         }
 
-        // The first line naming the queue decides: 1 when it also names the
-        // printer, 2 when it names another device.
         int answer = 0;
-        const qp::Listing listing = qp::list_queues([&](const char *line) {
-            if (!strstr(line, szCupsPrinterName)) return false;
-            answer = strstr(line, szPrinterId) ? 1 : 2;
-            return true;
-        });
-        if (listing == qp::Listing::kFailed) {
+        if (qp::list_queues(NameVisit{szPrinterId, szCupsPrinterName, answer}) == qp::Listing::kFailed) {
             QP_SET_ERR(ERR_EXTERNAL_FAILED);
             return -1;
         }

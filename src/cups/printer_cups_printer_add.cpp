@@ -12,6 +12,7 @@
 
 #include <string>
 
+#include "cups/cups_scan.hpp"
 #include "cups/queue_setup.hpp"
 #include "frame.hpp"
 #include "internal.hpp"
@@ -25,15 +26,18 @@ namespace {
 
 // Which of the two USB queue names "lpstat -v" lists.  What was seen stays
 // seen across attempts; an incomplete listing still decides.
-void scan_usb_names(bool &seen1, bool &seen2) {
-    qp::list_queues([&](const char *line) {
+struct UsbNamesVisit {
+    bool &seen1, &seen2;
+    bool operator()(const char *line) const {
         if (!seen1 && strstr(line, "usbprinter1"))
             seen1 = true;
         else if (!seen2 && strstr(line, "usbprinter2"))
             seen2 = true;
         return false;
-    });
-}
+    }
+};
+
+void scan_usb_names(bool &seen1, bool &seen2) { qp::list_queues(UsbNamesVisit{seen1, seen2}); }
 
 // Creates the queue and stops it (it was created enabled): the caller
 // starts it when the printer is to print.
@@ -52,6 +56,10 @@ void store_name(const char *szName, const char *szPrinterId) {
 }
 
 }  // namespace
+
+bool qp::cups::usb_names_scan(FILE *pPipe, bool &seen1, bool &seen2) {
+    return qp::read_listing(pPipe, UsbNamesVisit{seen1, seen2}) == qp::Listing::kFailed;
+}
 
 QP_EXPORT int QORAPrinterCupsAdd(const char *szPrinterId, const char *szPpdFile) {
     return QP_GUARD(-1, {

@@ -1,4 +1,4 @@
-// Readers of the network tools' output.  Each is defined in the source file
+// Readers of the network tools' output and of the network printer table.  Each is defined in the source file
 // of the function that runs the tool; they are declared here so that tests
 // and benchmarks can feed them recorded output.  None of them is exported.
 //
@@ -56,11 +56,30 @@ UriLine uri_line(std::string_view line, std::string_view *candidate);
 // closing quote into szUri (cut to cbUri - 1).  0 selected; 1 none; -1 stop
 // or ten interrupted reads.
 int uri_read(FILE *walk, char *szUri, int cbUri);
+// Splits a URI that uri_read selected (the text is changed) into the backend
+// (lower case; "LPR" gives "lpd") and the queue, its first path segment or
+// empty; each cut to its size.  0, or -1 for an unknown scheme or no colon.
+int uri_split(char *szUri, char *szBackend, int iBackendSize, char *szQName, int iQNameSize);
 
 // ---- lpstat -v (printer_net_cups_name_and_ip_check.cpp) ----------------------
 // The queue name of a "device for NAME: URI" line: the text after the second
 // blank up to its first colon.  False when the line has fewer than two blanks.
 bool lpstat_queue_word(std::string_view line, std::string_view *word);
+// One run of lpstat -v: 1 when the first line naming the queue holds the
+// pattern, 2 when it does not, 0 when no line names it, -1 when a read was
+// interrupted (the run is tried again).
+int lpstat_name_scan(FILE *pPipe, const char *szCupsPrinterName, const char *szIpPattern);
+
+// ---- lpstat -v (printer_net_ip_check.cpp) ------------------------------------
+// One run of lpstat -v: 0 a line holds the pattern, 1 none does, -1 a read
+// was interrupted.
+int lpstat_ip_scan(FILE *pPipe, const char *szIpPattern);
+
+// ---- nptab (printer_net_nptab_enum.cpp) ----------------------------------------
+// Pushes "KEY-VALUE" for every key="value" line onto the list, skipping blank
+// lines; the first line that is not an entry ends it with -1 (read here with
+// fgets as it is, not trimmed).  0 at the end of the table.
+int nptab_read(FILE *table, PQLIBSZLIST *ppList);
 
 // ---- ping (printer_net_ping_status.cpp) ----------------------------------------
 // For a line holding "packet loss": true when the loss figure (third comma

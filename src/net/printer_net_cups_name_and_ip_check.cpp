@@ -24,6 +24,30 @@ bool lpstat_queue_word(std::string_view line, std::string_view *word) {
 
 }  // namespace qp::net
 
+namespace {
+
+// The queue's first line decides: 1 when its URI holds "/ADDRESS/", 2 when not.
+struct NameIpVisit {
+    const char *queue;
+    const char *pattern;
+    int &found;
+    bool operator()(const char *line) const {
+        std::string_view word;
+        if (!qp::net::lpstat_queue_word(line, &word) || word != queue) return false;
+        found = strstr(line, pattern) ? 1 : 2;
+        return true;
+    }
+};
+
+}  // namespace
+
+int qp::net::lpstat_name_scan(FILE *pPipe, const char *szCupsPrinterName, const char *szIpPattern) {
+    int found = 0;
+    return qp::read_listing(pPipe, NameIpVisit{szCupsPrinterName, szIpPattern, found}) == qp::Listing::kFailed
+               ? -1
+               : found;
+}
+
 QP_EXPORT int QORAPrinterNetCupsNameAndIPCheck(const char *szIP, const char *szCupsPrinterName) {
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP) && QP_ARG(0 != szIP[0]) &&
                           QP_ARG(((void *)0) != szCupsPrinterName) && QP_ARG(0 != szCupsPrinterName[0]));
@@ -42,15 +66,8 @@ QP_EXPORT int QORAPrinterNetCupsNameAndIPCheck(const char *szIP, const char *szC
         char szPattern[32];
         snprintf(szPattern, sizeof szPattern, "/%s/", szIP);
 
-        // The queue's first line decides.
         int found = 0;
-        const qp::Listing listing = qp::list_queues([&](const char *line) {
-            std::string_view word;
-            if (!qp::net::lpstat_queue_word(line, &word) || word != szCupsPrinterName) return false;
-            found = strstr(line, szPattern) ? 1 : 2;
-            return true;
-        });
-        if (listing == qp::Listing::kFailed) {
+        if (qp::list_queues(NameIpVisit{szCupsPrinterName, szPattern, found}) == qp::Listing::kFailed) {
             QP_SET_ERR(ERR_EXTERNAL_FAILED);
             return -1;
         }

@@ -72,6 +72,49 @@ int uri_read(FILE *walk, char *szUri, int cbUri) {
     }
 }
 
+int uri_split(char *szUri, char *szBackend, int iBackendSize, char *szQName, int iQNameSize) {
+    // The scheme is the text before the first colon; a URI without a colon
+    // has no remainder, and the tokeniser refuses the absent text, which
+    // fails the query with the tokeniser's own error.
+    const char *szRemainder = nullptr;
+    if (char *colon = strchr(szUri, ':')) {
+        *colon = '\0';
+        szRemainder = colon + 1;
+    }
+    const char *szScheme = szUri;
+    if (strcasecmp(szScheme, "LPR") == 0) {
+        if (iBackendSize > 0) snprintf(szBackend, static_cast<size_t>(iBackendSize), "%s", "lpd");
+    } else if (strcasecmp(szScheme, "lpd") == 0 || strcasecmp(szScheme, "ipp") == 0 ||
+               strcasecmp(szScheme, "socket") == 0 || strcasecmp(szScheme, "bjnp") == 0) {
+        if (iBackendSize > 0) QLIBCStrCaseLower(szScheme, 0, szBackend, iBackendSize);
+    } else {
+        QP_LOG_ERR("Fetch network printer protocol and queue name error." QP_LOWER_FMT, QP_LOWER_ARGS);
+        return -1;
+    }
+
+    qp::List pieces(1024);
+    if (!pieces) {
+        QP_LOG_ERR("Failed to QLIBCSzListAlloc" QP_LOWER_FMT, QP_LOWER_ARGS);
+        QP_SET_ERR(ERR_OUT_OF_MEMORY);
+        QP_LOG_ERR("Fetch network printer protocol and queue name error." QP_LOWER_FMT, QP_LOWER_ARGS);
+        return -1;
+    }
+    if (QLIBCStrTok(szRemainder, "/", pieces.addr()) < 0) {
+        QP_LOG_ERR("Failed to QLIBCStrTok" QP_LOWER_FMT, QP_LOWER_ARGS);
+        QP_LOG_ERR("Fetch network printer protocol and queue name error." QP_LOWER_FMT, QP_LOWER_ARGS);
+        return -1;
+    }
+    // Piece 0 is the host (and port); only the first path segment counts.
+    if (iQNameSize > 0) {
+        if (pieces.size() > 1) {
+            snprintf(szQName, static_cast<size_t>(iQNameSize), "%s", pieces.at(1));
+        } else {
+            szQName[0] = '\0';
+        }
+    }
+    return 0;
+}
+
 }  // namespace qp::net
 
 QP_EXPORT int QORAPrinterNetGetStringBackend(const char *szIP, char *szBackend, int iBackendSize, char *szQName,
@@ -97,49 +140,8 @@ QP_EXPORT int QORAPrinterNetGetStringBackend(const char *szIP, char *szBackend, 
             return found;
         }
 
-        // The scheme is the text before the first colon; a URI without a colon
-        // has no remainder, and the tokeniser refuses the absent text, which
-        // fails the query with the tokeniser's own error.
-        const char *szRemainder = nullptr;
-        if (char *colon = strchr(szUri, ':')) {
-            *colon = '\0';
-            szRemainder = colon + 1;
-        }
-        const char *szScheme = szUri;
-        if (strcasecmp(szScheme, "LPR") == 0) {
-            if (iBackendSize > 0) snprintf(szBackend, static_cast<size_t>(iBackendSize), "%s", "lpd");
-        } else if (strcasecmp(szScheme, "lpd") == 0 || strcasecmp(szScheme, "ipp") == 0 ||
-                   strcasecmp(szScheme, "socket") == 0 || strcasecmp(szScheme, "bjnp") == 0) {
-            if (iBackendSize > 0) QLIBCStrCaseLower(szScheme, 0, szBackend, iBackendSize);
-        } else {
-            QP_LOG_ERR("Fetch network printer protocol and queue name error." QP_LOWER_FMT, QP_LOWER_ARGS);
-            errno = savedErrno;
-            return -1;
-        }
-
-        qp::List pieces(1024);
-        if (!pieces) {
-            QP_LOG_ERR("Failed to QLIBCSzListAlloc" QP_LOWER_FMT, QP_LOWER_ARGS);
-            QP_SET_ERR(ERR_OUT_OF_MEMORY);
-            QP_LOG_ERR("Fetch network printer protocol and queue name error." QP_LOWER_FMT, QP_LOWER_ARGS);
-            errno = savedErrno;
-            return -1;
-        }
-        if (QLIBCStrTok(szRemainder, "/", pieces.addr()) < 0) {
-            QP_LOG_ERR("Failed to QLIBCStrTok" QP_LOWER_FMT, QP_LOWER_ARGS);
-            QP_LOG_ERR("Fetch network printer protocol and queue name error." QP_LOWER_FMT, QP_LOWER_ARGS);
-            errno = savedErrno;
-            return -1;
-        }
-        // Piece 0 is the host (and port); only the first path segment counts.
-        if (iQNameSize > 0) {
-            if (pieces.size() > 1) {
-                snprintf(szQName, static_cast<size_t>(iQNameSize), "%s", pieces.at(1));
-            } else {
-                szQName[0] = '\0';
-            }
-        }
+        const int split = qp::net::uri_split(szUri, szBackend, iBackendSize, szQName, iQNameSize);
         errno = savedErrno;
-        return 0;
+        return split;
     });
 }

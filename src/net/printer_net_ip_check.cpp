@@ -6,8 +6,28 @@
 #include <string.h>
 
 #include "frame.hpp"
+#include "net/net_scan.hpp"
 #include "qorasdk.h"
 #include "queue_listing.hpp"
+
+namespace {
+
+// A line holding "/ADDRESS/" stops the listing.
+struct IpVisit {
+    const char *pattern;
+    bool operator()(const char *line) const { return strstr(line, pattern) != nullptr; }
+};
+
+}  // namespace
+
+int qp::net::lpstat_ip_scan(FILE *pPipe, const char *szIpPattern) {
+    switch (qp::read_listing(pPipe, IpVisit{szIpPattern})) {
+    case qp::Listing::kStopped: return 0;
+    case qp::Listing::kComplete: return 1;
+    case qp::Listing::kFailed: break;
+    }
+    return -1;
+}
 
 QP_EXPORT int QORAPrinterNetIPCheck(const char *szIP) {
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP));
@@ -27,7 +47,7 @@ QP_EXPORT int QORAPrinterNetIPCheck(const char *szIP) {
         char szPattern[32];
         snprintf(szPattern, sizeof szPattern, "/%s/", szIP);
 
-        switch (qp::list_queues([&](const char *line) { return strstr(line, szPattern) != nullptr; })) {
+        switch (qp::list_queues(IpVisit{szPattern})) {
         case qp::Listing::kStopped: return 0;
         case qp::Listing::kComplete: return 1;
         case qp::Listing::kFailed: break;

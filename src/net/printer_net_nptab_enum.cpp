@@ -8,12 +8,13 @@
 #include <string.h>
 
 #include "frame.hpp"
+#include "net/net_scan.hpp"
 #include "owners.hpp"
 #include "paths.hpp"
 
 namespace {
 
-constexpr int kLineSize = 1024;
+using qp::net::kLineSize;
 
 // Splits one line and pushes its printer ID; false on a line that is not an
 // entry (the message is logged here, the common one by the caller).
@@ -58,29 +59,33 @@ bool at_end(FILE *f) {
 
 }  // namespace
 
+int qp::net::nptab_read(FILE *table, PQLIBSZLIST *ppList) {
+    char line[kLineSize];
+    while (fgets(line, sizeof(line), table) != nullptr) {
+        if (line[0] == '\0' || strcmp(line, "\n") == 0) continue;
+        size_t len = strlen(line);
+        // A line that fills the buffer without its newline is longer than any
+        // entry can be; reading on would take its tail for a line of its own.
+        if (len == sizeof(line) - 1 && line[len - 1] != '\n' && !at_end(table)) {
+            QP_SET_ERR(ERR_NAME_TOO_LONG);
+        } else if (push_entry(line, ppList)) {
+            continue;
+        }
+        QP_LOG_ERR("Failed to get network printer ID." QP_LOWER_FMT, QP_LOWER_ARGS);
+        return -1;
+    }
+    return 0;
+}
+
 QP_EXPORT int QORAPrinterNetNptabEnum(PQLIBSZLIST *ppList) {
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != ppList));
+
     return QP_GUARD(-1, {
         qp::File table(fopen(qp::path::kNptab, "re"));
         if (!table) {
             QP_SET_ERR(ERR_OPEN_FAILED);
             return 0;
         }
-
-        char line[kLineSize];
-        while (fgets(line, sizeof(line), table.get()) != nullptr) {
-            if (line[0] == '\0' || strcmp(line, "\n") == 0) continue;
-            size_t len = strlen(line);
-            // A line that fills the buffer without its newline is longer than any
-            // entry can be; reading on would take its tail for a line of its own.
-            if (len == sizeof(line) - 1 && line[len - 1] != '\n' && !at_end(table.get())) {
-                QP_SET_ERR(ERR_NAME_TOO_LONG);
-            } else if (push_entry(line, ppList)) {
-                continue;
-            }
-            QP_LOG_ERR("Failed to get network printer ID." QP_LOWER_FMT, QP_LOWER_ARGS);
-            return -1;
-        }
-        return 0;
+        return qp::net::nptab_read(table.get(), ppList);
     });
 }
