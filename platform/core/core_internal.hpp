@@ -3,10 +3,12 @@
 
 #include "qoracore.h"
 
+#include <dirent.h>
 #include <sys/types.h>
 
 #include <deque>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -40,6 +42,12 @@ public:
 private:
     int fd_ = -1;
 };
+
+// A directory stream, closed on scope exit.
+struct DirCloser {
+    void operator()(DIR *d) const { ::closedir(d); }
+};
+using Dir = std::unique_ptr<DIR, DirCloser>;
 
 // One line of a text file: its bytes without the line end, and the line end
 // as it stood ("\n", "\r\n" or "" for a last line without one).  Writers put

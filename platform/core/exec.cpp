@@ -228,6 +228,32 @@ std::vector<std::string> child_environment() {
     return env;
 }
 
+namespace {
+
+// posix_spawn's file actions and attributes, destroyed on every path.
+struct SpawnActions {
+    posix_spawn_file_actions_t v;
+    bool ok = ::posix_spawn_file_actions_init(&v) == 0;
+    SpawnActions() = default;
+    SpawnActions(const SpawnActions &) = delete;
+    SpawnActions &operator=(const SpawnActions &) = delete;
+    ~SpawnActions() {
+        if (ok) ::posix_spawn_file_actions_destroy(&v);
+    }
+};
+struct SpawnAttr {
+    posix_spawnattr_t v;
+    bool ok = ::posix_spawnattr_init(&v) == 0;
+    SpawnAttr() = default;
+    SpawnAttr(const SpawnAttr &) = delete;
+    SpawnAttr &operator=(const SpawnAttr &) = delete;
+    ~SpawnAttr() {
+        if (ok) ::posix_spawnattr_destroy(&v);
+    }
+};
+
+}  // namespace
+
 pid_t spawn(const char *path, const std::vector<std::string> &argv, int stdout_fd, int stderr_fd) {
     std::vector<std::string> env = child_environment();
     std::vector<char *> cargv, cenv;
@@ -236,42 +262,35 @@ pid_t spawn(const char *path, const std::vector<std::string> &argv, int stdout_f
     for (const auto &e : env) cenv.push_back(const_cast<char *>(e.c_str()));
     cenv.push_back(nullptr);
 
-    posix_spawn_file_actions_t actions;
-    if (::posix_spawn_file_actions_init(&actions) != 0) {
+    SpawnActions actions;
+    SpawnAttr attr;
+    if (!actions.ok || !attr.ok) {
         QC_FAIL(ERR_OUT_OF_MEMORY);
         return -1;
     }
-    posix_spawnattr_t attr;
-    if (::posix_spawnattr_init(&attr) != 0) {
-        ::posix_spawn_file_actions_destroy(&actions);
-        QC_FAIL(ERR_OUT_OF_MEMORY);
-        return -1;
-    }
-    int rc = ::posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    int rc = ::posix_spawn_file_actions_addopen(&actions.v, 0, "/dev/null", O_RDONLY, 0);
     if (rc == 0) {
-        rc = stdout_fd >= 0 ? ::posix_spawn_file_actions_adddup2(&actions, stdout_fd, 1)
-                            : ::posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+        rc = stdout_fd >= 0 ? ::posix_spawn_file_actions_adddup2(&actions.v, stdout_fd, 1)
+                            : ::posix_spawn_file_actions_addopen(&actions.v, 1, "/dev/null", O_WRONLY, 0);
     }
     if (rc == 0) {
-        rc = stderr_fd >= 0 ? ::posix_spawn_file_actions_adddup2(&actions, stderr_fd, 2)
-                            : ::posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+        rc = stderr_fd >= 0 ? ::posix_spawn_file_actions_adddup2(&actions.v, stderr_fd, 2)
+                            : ::posix_spawn_file_actions_addopen(&actions.v, 2, "/dev/null", O_WRONLY, 0);
     }
     // Descriptors the caller left inheritable (a secret file, a lock) stay here.
-    if (rc == 0) rc = ::posix_spawn_file_actions_addclosefrom_np(&actions, 3);
+    if (rc == 0) rc = ::posix_spawn_file_actions_addclosefrom_np(&actions.v, 3);
 
     // The child must not inherit the caller's blocked or ignored signals
     // (an ignored SIGPIPE or SIGCHLD changes how tools behave).
     sigset_t empty, all;
     sigemptyset(&empty);
     sigfillset(&all);
-    if (rc == 0) rc = ::posix_spawnattr_setsigmask(&attr, &empty);
-    if (rc == 0) rc = ::posix_spawnattr_setsigdefault(&attr, &all);
-    if (rc == 0) rc = ::posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    if (rc == 0) rc = ::posix_spawnattr_setsigmask(&attr.v, &empty);
+    if (rc == 0) rc = ::posix_spawnattr_setsigdefault(&attr.v, &all);
+    if (rc == 0) rc = ::posix_spawnattr_setflags(&attr.v, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
 
     pid_t pid = -1;
-    if (rc == 0) rc = ::posix_spawn(&pid, path, &actions, &attr, cargv.data(), cenv.data());
-    ::posix_spawnattr_destroy(&attr);
-    ::posix_spawn_file_actions_destroy(&actions);
+    if (rc == 0) rc = ::posix_spawn(&pid, path, &actions.v, &attr.v, cargv.data(), cenv.data());
     if (rc != 0) {
         QC_FAIL(ERR_EXTERNAL_FAILED);
         errno = rc;

@@ -109,7 +109,7 @@ extern "C" QLIBC_API int QLIBCIsProcAlive(const char *szName) {
     // Processes come and go while /proc is read: a process whose files
     // cannot be read is passed over and leaves no error behind; so does a
     // /proc that cannot be listed (nothing is seen running).
-    DIR *d = ::opendir("/proc");
+    qc::Dir d{::opendir("/proc")};
     if (!d) return 0;
     int found = 0;
     try {
@@ -118,7 +118,7 @@ extern "C" QLIBC_API int QLIBCIsProcAlive(const char *szName) {
         const Daemon *daemon = find_daemon(name);
         uid_t account = 0;
         const bool has_account = daemon && account_uid(daemon->account, account);
-        while (struct dirent *e = ::readdir(d)) {
+        while (struct dirent *e = ::readdir(d.get())) {
             if (!all_digits(e->d_name)) continue;
             std::string dir = std::string("/proc/") + e->d_name;
             std::string comm;
@@ -137,6 +137,5 @@ extern "C" QLIBC_API int QLIBCIsProcAlive(const char *szName) {
     } catch (...) {
         // Out of memory: nothing more can be looked at.
     }
-    ::closedir(d);
     return found;
 }

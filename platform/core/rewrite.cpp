@@ -44,24 +44,22 @@ constexpr size_t kTempSuffixLen = 6;  // ".<name>.XXXXXX"
 void remove_stale_temps(int dirfd, const std::string &base) {
     int fd = ::dup(dirfd);
     if (fd < 0) return;
-    DIR *d = ::fdopendir(fd);
+    qc::Dir d{::fdopendir(fd)};
     if (!d) {
         ::close(fd);
         return;
     }
-    ::rewinddir(d);
+    ::rewinddir(d.get());
     const std::string prefix = "." + base + ".";
-    while (struct dirent *e = ::readdir(d)) {
+    while (struct dirent *e = ::readdir(d.get())) {
         std::string_view name = e->d_name;
         if (name.size() != prefix.size() + kTempSuffixLen || name.substr(0, prefix.size()) != prefix) continue;
-        if (name.substr(prefix.size()) == "lock") continue;
         struct stat st {};
         if (::fstatat(dirfd, e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode) ||
             st.st_uid != ::geteuid())
             continue;
         ::unlinkat(dirfd, e->d_name, 0);
     }
-    ::closedir(d);
 }
 
 // Name of the sidecar lock of a file in a shared directory, inside the

@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <new>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -68,16 +69,15 @@ bool bus_id_ok(const char *id) {
 // USB interface class of printers (07) and of mass storage (08).
 unsigned char device_type(const std::string &dir, const std::string &bus_id) {
     unsigned char type = 0;
-    DIR *d = ::opendir(dir.c_str());
+    const std::unique_ptr<DIR, int (*)(DIR *)> d(::opendir(dir.c_str()), ::closedir);
     if (!d) return QORAUSB_TYPE_OTHER;
     const std::string prefix = bus_id + ":";
-    while (struct dirent *e = ::readdir(d)) {
+    while (struct dirent *e = ::readdir(d.get())) {
         if (strncmp(e->d_name, prefix.c_str(), prefix.size()) != 0) continue;
         std::string cls = read_attr(dir + "/" + e->d_name, "bInterfaceClass");
         if (cls == "07") type |= QORAUSB_TYPE_PRINTER_BI;
         else if (cls == "08") type |= QORAUSB_TYPE_STORAGE;
     }
-    ::closedir(d);
     return type ? type : QORAUSB_TYPE_OTHER;
 }
 
