@@ -26,6 +26,23 @@ struct Wiped {
     ~Wiped() { ::explicit_bzero(buf, sizeof buf); }
 };
 
+// Seals a secret field under its key name into the hash; -1 (logged) when it
+// cannot be sealed or stored.
+template <size_t N>
+int seal(qp::Hash &hash, const char *key, const char (&field)[N], const char *empty_message) {
+    Wiped plain, sealed;
+    qp::copy_cut(plain.buf, qp::field_view(field));
+    if (::QLIBCCryptSzEncryptNamed(key, plain.buf, sealed.buf, kCryptBuf) == 0) {
+        QP_LOG_ERR("encrypt failed");
+        return -1;
+    }
+    if (sealed.buf[0] == '\0' || ::QLIBCSzHashSetValue(hash.addr(), key, sealed.buf) < 0) {
+        QP_LOG_ERR("%s", empty_message);
+        return -1;
+    }
+    return 0;
+}
+
 }  // namespace
 
 QP_EXPORT int QORAPrinterGoogleInfoSet(const PrinterGoogleInfo *pInfo) {
@@ -44,27 +61,12 @@ QP_EXPORT int QORAPrinterGoogleInfoSet(const PrinterGoogleInfo *pInfo) {
             return -1;
         }
 
-        Wiped plain, sealed;
-        qp::copy_cut(plain.buf, qp::field_view(pInfo->szPassword));
-        if (plain.buf[0] != '\0') {
-            if (::QLIBCCryptSzEncryptNamed("google pass", plain.buf, sealed.buf, kCryptBuf) == 0) {
-                QP_LOG_ERR("encrypt failed");
-                return -1;
-            }
-            if (sealed.buf[0] == '\0' || ::QLIBCSzHashSetValue(hash.addr(), "google pass", sealed.buf) < 0) {
-                QP_LOG_ERR("password can't be empty");
-                return -1;
-            }
+        // The password when there is one, else the refresh token (which
+        // replaces a stored password).
+        if (!qp::field_view(pInfo->szPassword).empty()) {
+            if (seal(hash, "google pass", pInfo->szPassword, "password can't be empty") < 0) return -1;
         } else {
-            qp::copy_cut(plain.buf, qp::field_view(pInfo->szRefreshToken));
-            if (::QLIBCCryptSzEncryptNamed("refresh token", plain.buf, sealed.buf, kCryptBuf) == 0) {
-                QP_LOG_ERR("encrypt failed");
-                return -1;
-            }
-            if (sealed.buf[0] == '\0' || ::QLIBCSzHashSetValue(hash.addr(), "refresh token", sealed.buf) < 0) {
-                QP_LOG_ERR("refresh token can't be empty");
-                return -1;
-            }
+            if (seal(hash, "refresh token", pInfo->szRefreshToken, "refresh token can't be empty") < 0) return -1;
             ::QLIBCSzHashRemoveKey(hash.get(), "google pass");
         }
 

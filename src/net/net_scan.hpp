@@ -35,6 +35,27 @@ inline ReadResult read_line(FILE *out, char (&line)[kLineSize], int &interrupts)
     }
 }
 
+// Hands each line of a tool's output (read_line, then trimmed) to VISIT
+// (bool(char *line)), which answers true to stop there.
+enum class Lines { kEnd, kInterrupted, kStopped };
+template <class Visit>
+Lines each_line(FILE *out, Visit &&visit) {
+    char line[kLineSize];
+    int interrupts = 0;
+    for (;;) {
+        switch (read_line(out, line, interrupts)) {
+        case ReadResult::kInterrupted:
+            return Lines::kInterrupted;
+        case ReadResult::kEnd:
+            return Lines::kEnd;
+        case ReadResult::kLine:
+            break;
+        }
+        QLIBCStrTrim(line, 0, 0);
+        if (visit(static_cast<char *>(line))) return Lines::kStopped;
+    }
+}
+
 // ---- snmpwalk: device ID string (printer_net_get_string_id.cpp) -------------
 // True when a trimmed line names a maker and a model key and holds a quoted
 // string; *value is then the text after the opening quote, less the line's

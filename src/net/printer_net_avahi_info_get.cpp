@@ -89,37 +89,28 @@ int avahi_txt_read(const char *szDesc, PrinterNetInfo *pNPInfo) {
 }
 
 int avahi_read(FILE *browse, const char *szPattern, PQLIBSZLIST *ppList, AvahiSlots *slots) {
-    char line[kLineSize];
-    int interrupts = 0;
-    for (;;) {
-        switch (read_line(browse, line, interrupts)) {
-        case ReadResult::kInterrupted:
-            return -1;
-        case ReadResult::kEnd:
-            return 0;
-        case ReadResult::kLine:
-            break;
-        }
-        QLIBCStrTrim(line, 0, 0);
-        if (!strstr(line, szPattern)) continue;
-
+    int result = 0;
+    const Lines got = each_line(browse, [&](char *line) {
+        if (!strstr(line, szPattern)) return false;
         // The list keeps the pieces of every line of the address; this
         // line's are the ones appended now.
         const int before = *ppList ? (*ppList)->nItem : 0;
         if (QLIBCStrTok(line, ";", ppList) < 0) {
             QP_LOG_ERR("Failed to QLIBCStrTok" QP_LOWER_FMT, QP_LOWER_ARGS);
-            return -1;
+            result = -1;
+            return true;
         }
         const int after = *ppList ? (*ppList)->nItem : 0;
-        if (after - before < 2) continue;
+        if (after - before < 2) return false;
         // The port is the field before the last; a ';' inside the TXT data
         // shifts both, and such a line is then as a rule ignored.
         const char *szPort = (*ppList)->pszItem[after - 2];
         const char *szTxt = (*ppList)->pszItem[after - 1];
         const int slot = port_slot(szPort);
-        if (slot < 0) continue;
-        snprintf(slots->txt[slot], sizeof slots->txt[slot], "%s", szTxt);
-    }
+        if (slot >= 0) snprintf(slots->txt[slot], sizeof slots->txt[slot], "%s", szTxt);
+        return false;
+    });
+    return got == Lines::kInterrupted ? -1 : result;
 }
 
 }  // namespace qp::net

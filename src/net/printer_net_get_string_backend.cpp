@@ -42,34 +42,30 @@ UriLine uri_line(std::string_view line, std::string_view *candidate) {
 }
 
 int uri_read(FILE *walk, char *szUri, int cbUri) {
-    char line[kLineSize];
-    int interrupts = 0;
-    for (;;) {
-        switch (read_line(walk, line, interrupts)) {
-        case ReadResult::kInterrupted:
-            return -1;
-        case ReadResult::kEnd:
-            return 1;
-        case ReadResult::kLine:
-            break;
-        }
-        QLIBCStrTrim(line, 0, 0);
+    int result = 1;
+    const Lines got = each_line(walk, [&](char *line) {
         std::string_view candidate;
         switch (uri_line(line, &candidate)) {
         case UriLine::kSkip:
-            continue;
+            return false;
         case UriLine::kStop:
-            return -1;
+            result = -1;
+            return true;
         case UriLine::kSelect:
             break;
         }
-        if (cbUri <= 0) return -1;
+        if (cbUri <= 0) {
+            result = -1;
+            return true;
+        }
         // Drop the closing quote; the candidate is at least 2 characters long.
         const size_t n = std::min(candidate.size() - 1, static_cast<size_t>(cbUri) - 1);
         memcpy(szUri, candidate.data(), n);
         szUri[n] = '\0';
-        return 0;
-    }
+        result = 0;
+        return true;
+    });
+    return got == Lines::kInterrupted ? -1 : result;
 }
 
 int uri_split(char *szUri, char *szBackend, int iBackendSize, char *szQName, int iQNameSize) {

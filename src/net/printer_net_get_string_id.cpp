@@ -40,31 +40,24 @@ bool string_id_value(std::string_view line, std::string_view *value) {
 }
 
 int string_id_read(FILE *walk, char *szOutBuf, int iOutSize) {
-    char line[kLineSize];
     bool seen = false;
-    int interrupts = 0;
-    for (;;) {
-        switch (read_line(walk, line, interrupts)) {
-        case ReadResult::kInterrupted:
-            return -1;
-        case ReadResult::kEnd:
-            // Silence means no agent answered with this community.
-            return seen ? -1 : 1;
-        case ReadResult::kLine:
-            break;
-        }
+    int result = -1;
+    const Lines got = each_line(walk, [&](char *line) {
         seen = true;
-        QLIBCStrTrim(line, 0, 0);
         std::string_view value;
-        if (!string_id_value(line, &value)) continue;
+        if (!string_id_value(line, &value)) return false;
         if (iOutSize <= 0 || value.size() >= static_cast<size_t>(iOutSize)) {
             QP_SET_ERR(ERR_VALUE_TOO_LONG);
-            return -1;
+            return true;
         }
         memcpy(szOutBuf, value.data(), value.size());
         szOutBuf[value.size()] = '\0';
-        return 0;
-    }
+        result = 0;
+        return true;
+    });
+    // Silence means no agent answered with this community.
+    if (got == Lines::kEnd && !seen) return 1;
+    return got == Lines::kStopped ? result : -1;
 }
 
 }  // namespace qp::net

@@ -37,24 +37,13 @@ bool ping_summary_online(std::string_view line) {
 
 int ping_read(FILE *out, char *szStatus, int cbStatus) {
     if (cbStatus > 0) snprintf(szStatus, static_cast<size_t>(cbStatus), "%s", "Offline");
-    char line[kLineSize];
-    int interrupts = 0;
-    for (;;) {
-        switch (read_line(out, line, interrupts)) {
-        case ReadResult::kInterrupted:
-            return -1;
-        case ReadResult::kEnd:
-            return 0;  // no summary: the answer stays "Offline"
-        case ReadResult::kLine:
-            break;
-        }
-        QLIBCStrTrim(line, 0, 0);
-        if (!strstr(line, "packet loss")) continue;
-        if (ping_summary_online(line) && cbStatus > 0) {
-            snprintf(szStatus, static_cast<size_t>(cbStatus), "%s", "Online");
-        }
-        return 0;
-    }
+    // No summary: the answer stays "Offline".
+    const Lines got = each_line(out, [&](char *line) {
+        if (!strstr(line, "packet loss")) return false;
+        if (ping_summary_online(line) && cbStatus > 0) snprintf(szStatus, static_cast<size_t>(cbStatus), "%s", "Online");
+        return true;
+    });
+    return got == Lines::kInterrupted ? -1 : 0;
 }
 
 }  // namespace qp::net
