@@ -427,8 +427,8 @@ QORAPRINTER_API int QORAPrinterNetGetStringId(const char *szIP, char *szOutBuf, 
  * Errors: 0x0D00 (a NULL argument; logged), 0x0200 (out of memory), the code
  * of a tool that could not be started.
  */
-QORAPRINTER_API int QORAPrinterNetGetStringBackend(const char *szIP, char *szBackend, int iBackendSize,
-                                                   char *szQName, int iQNameSize);
+QORAPRINTER_API int QORAPrinterNetGetStringBackend(const char *szIP, char *szBackend, int iBackendSize, char *szQName,
+                                                   int iQNameSize);
 /*
  * Identifies the printer at szIP over SNMP: backend and queue
  * (QORAPrinterNetGetStringBackend()), device ID string

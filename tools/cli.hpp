@@ -95,11 +95,11 @@ std::string printable(std::string_view s);
 // One JSON document written as its parts come; keys keep the order given.
 class Json {
 public:
-    Json &open();                       // {
-    Json &close();                      // }
-    Json &array(std::string_view key);  // "key": [
-    Json &end_array();                  // ]
-    Json &object(std::string_view key); // "key": {
+    Json &open();                        // {
+    Json &close();                       // }
+    Json &array(std::string_view key);   // "key": [
+    Json &end_array();                   // ]
+    Json &object(std::string_view key);  // "key": {
     Json &key(std::string_view key);
     Json &str(std::string_view value);  // also an array item
     Json &field(std::string_view k, std::string_view v) { return key(k).str(v); }

@@ -26,9 +26,15 @@ TakeFailureFn take_failure() {
 // Codes of a failed system call, where errno tells why.
 bool errno_applies(unsigned int code) {
     switch (code) {
-    case ERR_LOCK_FAILED: case ERR_UNLOCK_FAILED: case ERR_OPEN_FAILED: case ERR_READ_FAILED:
-    case ERR_WRITE_FAILED: case ERR_RENAME_FAILED: return true;
-    default: return false;
+        case ERR_LOCK_FAILED:
+        case ERR_UNLOCK_FAILED:
+        case ERR_OPEN_FAILED:
+        case ERR_READ_FAILED:
+        case ERR_WRITE_FAILED:
+        case ERR_RENAME_FAILED:
+            return true;
+        default:
+            return false;
     }
 }
 
@@ -36,22 +42,38 @@ bool errno_applies(unsigned int code) {
 
 const char *error_name(unsigned int code) {
     switch (code) {
-    case ERR_NAME_TOO_LONG: return "ERR_NAME_TOO_LONG";
-    case ERR_OUT_OF_MEMORY: return "ERR_OUT_OF_MEMORY";
-    case ERR_LOCK_FAILED: return "ERR_LOCK_FAILED";
-    case ERR_UNLOCK_FAILED: return "ERR_UNLOCK_FAILED";
-    case ERR_OPEN_FAILED: return "ERR_OPEN_FAILED";
-    case ERR_READ_FAILED: return "ERR_READ_FAILED";
-    case ERR_WRITE_FAILED: return "ERR_WRITE_FAILED";
-    case ERR_BAD_PARAMETER: return "ERR_BAD_PARAMETER";
-    case ERR_KEY_NOT_FOUND: return "ERR_KEY_NOT_FOUND";
-    case ERR_FIELD_NOT_FOUND: return "ERR_FIELD_NOT_FOUND";
-    case ERR_RENAME_FAILED: return "ERR_RENAME_FAILED";
-    case ERR_EXTERNAL_FAILED: return "ERR_EXTERNAL_FAILED";
-    case ERR_REMOVE_KEY_FAILED: return "ERR_REMOVE_KEY_FAILED";
-    case ERR_VALUE_TOO_LONG: return "ERR_VALUE_TOO_LONG";
-    case ERR_SERVICE_RUNNING: return "ERR_SERVICE_RUNNING";
-    default: return "";
+        case ERR_NAME_TOO_LONG:
+            return "ERR_NAME_TOO_LONG";
+        case ERR_OUT_OF_MEMORY:
+            return "ERR_OUT_OF_MEMORY";
+        case ERR_LOCK_FAILED:
+            return "ERR_LOCK_FAILED";
+        case ERR_UNLOCK_FAILED:
+            return "ERR_UNLOCK_FAILED";
+        case ERR_OPEN_FAILED:
+            return "ERR_OPEN_FAILED";
+        case ERR_READ_FAILED:
+            return "ERR_READ_FAILED";
+        case ERR_WRITE_FAILED:
+            return "ERR_WRITE_FAILED";
+        case ERR_BAD_PARAMETER:
+            return "ERR_BAD_PARAMETER";
+        case ERR_KEY_NOT_FOUND:
+            return "ERR_KEY_NOT_FOUND";
+        case ERR_FIELD_NOT_FOUND:
+            return "ERR_FIELD_NOT_FOUND";
+        case ERR_RENAME_FAILED:
+            return "ERR_RENAME_FAILED";
+        case ERR_EXTERNAL_FAILED:
+            return "ERR_EXTERNAL_FAILED";
+        case ERR_REMOVE_KEY_FAILED:
+            return "ERR_REMOVE_KEY_FAILED";
+        case ERR_VALUE_TOO_LONG:
+            return "ERR_VALUE_TOO_LONG";
+        case ERR_SERVICE_RUNNING:
+            return "ERR_SERVICE_RUNNING";
+        default:
+            return "";
     }
 }
 
@@ -90,7 +112,7 @@ int fail(std::string_view what) {
     char path[256] = "", line[512] = "";
     int result = 0;
     if (auto fn = take_failure(); fn && fn(path, sizeof path, &result, line, sizeof line) == 1) {
-        std::string how = result > 0    ? "exited with status " + std::to_string(result)
+        std::string how = result > 0      ? "exited with status " + std::to_string(result)
                           : result < -128 ? "was killed by signal " + std::to_string(-result - 128)
                                           : std::string("could not run");
         std::fprintf(stderr, "  %s %s%s%s\n", printable(path).c_str(), how.c_str(), line[0] ? ": " : "",
@@ -154,8 +176,10 @@ bool read_secret(const std::string &from, std::string &secret, size_t max) {
     while (len < n && buf[len] != '\n') ++len;
     if (len > 0 && buf[len - 1] == '\r') --len;
     bool ok = len > 0 && len <= max;
-    if (ok) secret.assign(buf, len);
-    else say(0, "the secret in %s is %s.", in ? "standard input" : from.c_str(), len ? "too long" : "empty");
+    if (ok)
+        secret.assign(buf, len);
+    else
+        say(0, "the secret in %s is %s.", in ? "standard input" : from.c_str(), len ? "too long" : "empty");
     explicit_bzero(buf, sizeof buf);
     return ok;
 }

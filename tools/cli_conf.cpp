@@ -65,18 +65,30 @@ int stringid_get(const qpcli::Args &a) {
 
 bool set_conf_key(PrinterConf &c, std::string_view key, std::string_view v, bool &fits) {
     fits = true;
-    if (key == "producer") fits = set_field(c.szProducer, v);
-    else if (key == "product name") fits = set_field(c.szProductName, v);
-    else if (key == "mode") fits = set_field(c.szMode, v);
-    else if (key == "autolock timer") fits = set_field(c.szAutoLockTimer, v);
-    else if (key == "manuallock timer") fits = set_field(c.szManualLockTimer, v);
-    else if (key == "enable airprint") fits = set_field(c.szEnableAirprint, v);
-    else if (key == "enable google cloud print") fits = set_field(c.szEnableGoogleCloudPrint, v);
-    else if (key == "driver") fits = set_field(c.szDriver, v);
-    else if (key == "driver brand") fits = set_field(c.szDriverBrand, v);
-    else if (key == "usblp string id") fits = set_field(c.szUsblpStringId, v);
-    else if (key == "fit to page") fits = set_field(c.szFitToPage, v);
-    else return false;
+    if (key == "producer")
+        fits = set_field(c.szProducer, v);
+    else if (key == "product name")
+        fits = set_field(c.szProductName, v);
+    else if (key == "mode")
+        fits = set_field(c.szMode, v);
+    else if (key == "autolock timer")
+        fits = set_field(c.szAutoLockTimer, v);
+    else if (key == "manuallock timer")
+        fits = set_field(c.szManualLockTimer, v);
+    else if (key == "enable airprint")
+        fits = set_field(c.szEnableAirprint, v);
+    else if (key == "enable google cloud print")
+        fits = set_field(c.szEnableGoogleCloudPrint, v);
+    else if (key == "driver")
+        fits = set_field(c.szDriver, v);
+    else if (key == "driver brand")
+        fits = set_field(c.szDriverBrand, v);
+    else if (key == "usblp string id")
+        fits = set_field(c.szUsblpStringId, v);
+    else if (key == "fit to page")
+        fits = set_field(c.szFitToPage, v);
+    else
+        return false;
     return true;
 }
 
@@ -101,8 +113,10 @@ int conf_show(const qpcli::Args &a) {
         if (!json()) std::printf("[%s]\n", a[0].c_str());
         for (int i = 0; i < keys->nItem; ++i) {
             const char *v = QLIBCSzHashGetValue(hash, keys->pszItem[i]);
-            if (json()) j.field(keys->pszItem[i], v ? v : "");
-            else std::printf("\t%s = %s\n", keys->pszItem[i], v ? v : "");
+            if (json())
+                j.field(keys->pszItem[i], v ? v : "");
+            else
+                std::printf("\t%s = %s\n", keys->pszItem[i], v ? v : "");
         }
         if (json()) j.close().close().print();
     }
@@ -136,8 +150,10 @@ int conf_cups_name(const qpcli::Args &a) {
     char buf[128] = {};
     begin_call();
     if (QORAPrinterCupsNameGet(a[0].c_str(), buf, sizeof buf) != 0) return qpcli::fail("conf cups-name");
-    if (json()) qpcli::Json().open().field("printer", a[0]).field("queue", buf).close().print();
-    else std::printf("%s\n", buf);
+    if (json())
+        qpcli::Json().open().field("printer", a[0]).field("queue", buf).close().print();
+    else
+        std::printf("%s\n", buf);
     return qpcli::kOk;
 }
 
@@ -149,8 +165,13 @@ int conf_detect(const qpcli::Args &a) {
     begin_call();
     if (QORAPrinterModelDetect(&conf) != 0) return qpcli::fail("conf detect");
     if (json()) {
-        qpcli::Json().open().field("printer", a[0]).field("maker", conf.szDetectedVendor)
-            .field("model", conf.szDetectedModel).close().print();
+        qpcli::Json()
+            .open()
+            .field("printer", a[0])
+            .field("maker", conf.szDetectedVendor)
+            .field("model", conf.szDetectedModel)
+            .close()
+            .print();
     } else {
         std::printf("maker: %s\nmodel: %s\n", conf.szDetectedVendor, conf.szDetectedModel);
     }
@@ -166,7 +187,8 @@ int cloud_set(const qpcli::Args &args) {
             explicit_bzero(ignored.data(), ignored.size());
             return say(qpcli::kUsage,
                        "cloud set: %s would show the secret to every user (/proc/PID/cmdline); give %s-file FILE, "
-                       "or - for standard input.", refused, refused);
+                       "or - for standard input.",
+                       refused, refused);
         }
     }
     const bool pass = qpcli::take_option(a, "--password-file", from);
@@ -177,8 +199,10 @@ int cloud_set(const qpcli::Args &args) {
         return say(qpcli::kUsage, "cloud set: the account is longer than %zu bytes.", sizeof info.szAccount - 1);
     if (!qpcli::read_secret(from, secret, pass ? sizeof info.szPassword - 1 : sizeof info.szRefreshToken - 1))
         return qpcli::kFailed;
-    if (pass) set_field(info.szPassword, secret);
-    else set_field(info.szRefreshToken, secret);
+    if (pass)
+        set_field(info.szPassword, secret);
+    else
+        set_field(info.szRefreshToken, secret);
     explicit_bzero(secret.data(), secret.size());
     begin_call();
     const int rc = QORAPrinterGoogleInfoSet(&info);

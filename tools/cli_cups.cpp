@@ -34,8 +34,10 @@ int queue_add(const qpcli::Args &args) {
     if (QORAPrinterCupsAdd(a[0].c_str(), ppd.empty() ? nullptr : ppd.c_str()) != 0) return qpcli::fail("queue add");
     char name[128] = {};
     if (QORAPrinterCupsNameGet(a[0].c_str(), name, sizeof name) != 0) return qpcli::fail("queue add: reading the name");
-    if (json()) qpcli::Json().open().field("printer", a[0]).field("queue", name).close().print();
-    else std::printf("%s\n", name);
+    if (json())
+        qpcli::Json().open().field("printer", a[0]).field("queue", name).close().print();
+    else
+        std::printf("%s\n", name);
     return qpcli::kOk;
 }
 
@@ -76,8 +78,8 @@ int queue_add_net(const qpcli::Args &args) {
         if (id.empty()) id = ip + "-" + name;
     }
     PrinterNetConf conf = {};
-    if (!set_field(conf.szIP, ip) || !set_field(conf.szCupsPrinterName, name) ||
-        !set_field(conf.szBackend, backend) || !set_field(conf.szQName, qname) || !set_field(conf.szPrinterId, id))
+    if (!set_field(conf.szIP, ip) || !set_field(conf.szCupsPrinterName, name) || !set_field(conf.szBackend, backend) ||
+        !set_field(conf.szQName, qname) || !set_field(conf.szPrinterId, id))
         return say(qpcli::kUsage, "queue add-net: a value is too long for its field.");
     begin_call();
     return done(QORAPrinterNetCupsAdd(&conf, ppd.empty() ? nullptr : ppd.c_str()), "queue add-net");
@@ -130,8 +132,10 @@ int ppd_show(const qpcli::Args &a) {
     begin_call();
     char *text = QORACupsGetPPD(a[0].c_str());
     if (!text) return qpcli::fail("ppd show");
-    if (json()) qpcli::Json().open().field("name", a[0]).field("text", text).close().print();
-    else std::fputs(text, stdout);
+    if (json())
+        qpcli::Json().open().field("name", a[0]).field("text", text).close().print();
+    else
+        std::fputs(text, stdout);
     std::free(text);
     return qpcli::kOk;
 }
@@ -187,8 +191,14 @@ int job_wait(const qpcli::Args &args) {
     if (rc < 0) return qpcli::fail("job wait");
     const long long waited = (now_ms() - start) / 1000;
     if (json()) {
-        qpcli::Json().open().field("printer", a[0]).field("job", a[1]).field("complete", rc == 0)
-            .field("seconds", waited).close().print();
+        qpcli::Json()
+            .open()
+            .field("printer", a[0])
+            .field("job", a[1])
+            .field("complete", rc == 0)
+            .field("seconds", waited)
+            .close()
+            .print();
     } else if (rc == 0) {
         std::printf("job %s has left the queue\n", a[1].c_str());
     } else {
@@ -204,8 +214,7 @@ int spool_clean(const qpcli::Args &a) {
 }
 
 const qpcli::Register reg{{
-    cmd("queue add", "ID [--ppd FILE]", "Create a USB printer's queue, stopped, and print its name.", queue_add,
-        kJson),
+    cmd("queue add", "ID [--ppd FILE]", "Create a USB printer's queue, stopped, and print its name.", queue_add, kJson),
     cmd("queue add-net", "--ip IP --backend URI [--name Q] [--qname R] [--id ID] [--ppd FILE] | --from ID [--ppd FILE]",
         "Create a network printer's queue from these values or from its stored section.", queue_add_net),
     cmd("queue rm", "ID | --name Q | --net ID", "Remove a queue by printer, by name, or a network printer's.",

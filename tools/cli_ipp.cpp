@@ -22,8 +22,8 @@
 namespace qpipp {
 namespace {
 
-using qp::tool::kIpptool;
 using qp::tool::kDriverless;
+using qp::tool::kIpptool;
 constexpr int kToolTimeoutMs = 20000;
 constexpr size_t kMaxOutput = 1 << 20;
 // What a printer is asked for: its state, formats, identity and supplies.
@@ -158,8 +158,9 @@ std::string xml_text(const std::string &s) {
             out += s[i];
             continue;
         }
-        static const struct { const char *ent, *ch; } kEnt[] = {
-            {"&amp;", "&"}, {"&lt;", "<"}, {"&gt;", ">"}, {"&quot;", "\""}, {"&apos;", "'"}};
+        static const struct {
+            const char *ent, *ch;
+        } kEnt[] = {{"&amp;", "&"}, {"&lt;", "<"}, {"&gt;", ">"}, {"&quot;", "\""}, {"&apos;", "'"}};
         bool done = false;
         for (const auto &e : kEnt) {
             if (s.compare(i, strlen(e.ent), e.ent) == 0) {
@@ -180,12 +181,18 @@ std::string base64_decode(const std::string &s) {
     int bits = 0;
     for (unsigned char c : s) {
         int v;
-        if (c >= 'A' && c <= 'Z') v = c - 'A';
-        else if (c >= 'a' && c <= 'z') v = c - 'a' + 26;
-        else if (c >= '0' && c <= '9') v = c - '0' + 52;
-        else if (c == '+') v = 62;
-        else if (c == '/') v = 63;
-        else continue;
+        if (c >= 'A' && c <= 'Z')
+            v = c - 'A';
+        else if (c >= 'a' && c <= 'z')
+            v = c - 'a' + 26;
+        else if (c >= '0' && c <= '9')
+            v = c - '0' + 52;
+        else if (c == '+')
+            v = 62;
+        else if (c == '/')
+            v = 63;
+        else
+            continue;
         acc = (acc << 6) | static_cast<unsigned int>(v);
         bits += 6;
         if (bits >= 8) {
@@ -386,8 +393,10 @@ bool parse_report(const std::string &xml, std::string &status_code, Attrs &attrs
             for (int depth = 0; j < t.size();) {
                 const Token &k = t[j];
                 if (k.tag && k.text == "/array" && depth == 0) break;
-                if (k.tag && k.text == "dict") ++depth, ++j;
-                else if (k.tag && k.text == "/dict") --depth, ++j;
+                if (k.tag && k.text == "dict")
+                    ++depth, ++j;
+                else if (k.tag && k.text == "/dict")
+                    --depth, ++j;
                 else if (k.tag && k.text == "key" && j + 3 < t.size() && !t[j + 1].tag) {
                     std::vector<std::string> &values = attrs[t[j + 1].text];
                     j += 3;
@@ -578,9 +587,8 @@ int net_status(const qpcli::Args &args) {
 }
 
 const qpcli::Register kIpp({
-    qpcli::cmd("net status", "IP",
-               "State, reasons and supplies of a printer that speaks IPP (3: it does not).", net_status,
-               qpcli::kJson),
+    qpcli::cmd("net status", "IP", "State, reasons and supplies of a printer that speaks IPP (3: it does not).",
+               net_status, qpcli::kJson),
 });
 
 }  // namespace

@@ -44,13 +44,21 @@ int net_identify(const Args &args) {
     PrinterNetInfo info;
     const int r = identify_by(how, a[0], info);
     if (r < 0) return qpcli::fail("net identify");
-    const bool nothing = !info.szBackend[0] && !info.szQName[0] && !info.szVendor[0] && !info.szModel[0] &&
-                         !info.szStringId[0];
+    const bool nothing =
+        !info.szBackend[0] && !info.szQName[0] && !info.szVendor[0] && !info.szModel[0] && !info.szStringId[0];
     if (json()) {
         qpcli::Json()
-            .open().field("address", a[0]).field("method", how).field("complete", r == 0)
-            .field("backend", info.szBackend).field("queue", info.szQName).field("vendor", info.szVendor)
-            .field("model", info.szModel).field("device_id", info.szStringId).close().print();
+            .open()
+            .field("address", a[0])
+            .field("method", how)
+            .field("complete", r == 0)
+            .field("backend", info.szBackend)
+            .field("queue", info.szQName)
+            .field("vendor", info.szVendor)
+            .field("model", info.szModel)
+            .field("device_id", info.szStringId)
+            .close()
+            .print();
     } else {
         printf("backend:   %s\nqueue:     %s\nvendor:    %s\nmodel:     %s\ndevice ID: %s\n", info.szBackend,
                info.szQName, info.szVendor, info.szModel, info.szStringId);
@@ -124,8 +132,10 @@ int net_configure(const Args &args) {
     begin_call();
     if (QORAPrinterNetCupsAdd(&conf, ppd.empty() ? nullptr : ppd.c_str()) != 0)
         return qpcli::fail("net configure: queue");
-    if (json()) qpcli::Json().open().field("printer", id).close().print();
-    else printf("%s\n", id.c_str());
+    if (json())
+        qpcli::Json().open().field("printer", id).close().print();
+    else
+        printf("%s\n", id.c_str());
     return qpcli::kOk;
 }
 
@@ -159,8 +169,10 @@ int net_ping(const Args &a) {
     char status[16];
     begin_call();
     if (QORAPrinterNetPingStatus(a[0].c_str(), status, sizeof status) != 0) return qpcli::fail("net ping");
-    if (json()) qpcli::Json().open().field("address", a[0]).field("status", status).close().print();
-    else printf("%s\n", status);
+    if (json())
+        qpcli::Json().open().field("address", a[0]).field("status", status).close().print();
+    else
+        printf("%s\n", status);
     return strcmp(status, "Online") == 0 ? qpcli::kOk : qpcli::kNo;
 }
 

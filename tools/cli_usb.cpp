@@ -25,8 +25,7 @@ using qpcli::say;
 // links to .../BUS/BUS:CONFIG.INTERFACE/usbmisc/lpN.  Empty when the node is
 // not there or the link does not have that shape.
 std::string sysfs_bus_id(const std::string &dev) {
-    if (dev.size() < 3 || dev.compare(0, 2, "lp") != 0 ||
-        dev.find_first_not_of("0123456789", 2) != std::string::npos)
+    if (dev.size() < 3 || dev.compare(0, 2, "lp") != 0 || dev.find_first_not_of("0123456789", 2) != std::string::npos)
         return {};
     char link[4096];
     const ssize_t n = readlink(("/sys/class/usbmisc/" + dev).c_str(), link, sizeof link);
@@ -73,8 +72,10 @@ int list(const qpcli::Args &args) {
     qpcli::Json j;
     j.open().array("printers");
     for (int i = 0; i < n; ++i) {
-        if (json()) j.str(QLIBCSzListGet(ids, i));
-        else std::printf("%s\n", QLIBCSzListGet(ids, i));
+        if (json())
+            j.str(QLIBCSzListGet(ids, i));
+        else
+            std::printf("%s\n", QLIBCSzListGet(ids, i));
     }
     if (json()) j.end_array().close().print();
     QLIBCSzListFree(ids);
@@ -87,8 +88,10 @@ int device_id(const qpcli::Args &a) {
     begin_call();
     const int rc = QORAPrinterGetStringId(a[0].c_str(), buf, sizeof(buf));
     if (rc < 0) return qpcli::fail(("device-id " + a[0]).c_str());
-    if (json()) qpcli::Json().open().field("device", a[0]).field("id", buf).field("cut", rc > 0).close().print();
-    else std::printf("%s\n", buf);
+    if (json())
+        qpcli::Json().open().field("device", a[0]).field("id", buf).field("cut", rc > 0).close().print();
+    else
+        std::printf("%s\n", buf);
     if (rc > 0) say(0, "device-id: the device reports %d bytes; the text may be cut.", rc);
     return qpcli::kOk;
 }
@@ -103,8 +106,10 @@ int share_status(const qpcli::Args &a) {
     if (!a.empty()) return qpcli::kBadArgs;
     begin_call();
     const bool active = QORAPrinterIsActive() == 1;
-    if (json()) qpcli::Json().open().field("active", active).close().print();
-    else std::printf("%s\n", active ? "active" : "not active");
+    if (json())
+        qpcli::Json().open().field("active", active).close().print();
+    else
+        std::printf("%s\n", active ? "active" : "not active");
     return active ? qpcli::kOk : qpcli::kNo;
 }
 
@@ -126,8 +131,10 @@ int usbip_text(const qpcli::Args &a, int (*fn)(const char *, char *, int), const
     char buf[4096];
     begin_call();
     if (fn(a[0].c_str(), buf, sizeof(buf)) != 0) return qpcli::fail(what);
-    if (json()) qpcli::Json().open().field("printer", a[0]).field(key, buf).close().print();
-    else std::printf("%s\n", buf);
+    if (json())
+        qpcli::Json().open().field("printer", a[0]).field(key, buf).close().print();
+    else
+        std::printf("%s\n", buf);
     return qpcli::kOk;
 }
 int usbip_status(const qpcli::Args &a) {

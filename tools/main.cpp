@@ -37,9 +37,9 @@ using qpcli::Command;
 constexpr size_t kWidth = 80;
 
 // The order of families in help and completion; first words not listed come last.
-constexpr const char *kOrder[] = {"stringid", "conf",  "cloud",      "attach", "detach",     "list",
-                                  "device-id", "reset", "share-status", "nptab", "usbip",   "queue",
-                                  "ppd",      "print", "print-test", "job",    "spool",      "net"};
+constexpr const char *kOrder[] = {"stringid",  "conf",  "cloud",        "attach", "detach", "list",
+                                  "device-id", "reset", "share-status", "nptab",  "usbip",  "queue",
+                                  "ppd",       "print", "print-test",   "job",    "spool",  "net"};
 
 std::string first_word(const std::string &name) { return name.substr(0, name.find(' ')); }
 
@@ -103,8 +103,9 @@ bool print_help(FILE *out, const std::string &family) {
         if (family.empty() || first_word(c->name) == family) rows.push_back(c);
     if (rows.empty()) return false;
     if (family.empty()) {
-        std::fprintf(out, "usage: qoraprinter [-v] [--json] COMMAND [ARGS...]\n"
-                          "       qoraprinter FAMILY [--help] | --help | --version\n\ncommands:\n");
+        std::fprintf(out,
+                     "usage: qoraprinter [-v] [--json] COMMAND [ARGS...]\n"
+                     "       qoraprinter FAMILY [--help] | --help | --version\n\ncommands:\n");
     } else {
         std::fprintf(out, "usage: qoraprinter %s SUBCOMMAND [ARGS...]\n\n", family.c_str());
     }

@@ -189,8 +189,8 @@ int create_temp(int dirfd, const char *name, std::string &tmpname) {
         for (size_t i = 0; i < sizeof rnd; ++i) suffix[i] = kChars[rnd[i] % (sizeof kChars - 1)];
         suffix[sizeof rnd] = '\0';
         tmpname = std::string(".") + name + "." + suffix;
-        int fd = ::openat(dirfd, tmpname.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY,
-                          0600);
+        int fd =
+            ::openat(dirfd, tmpname.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY, 0600);
         if (fd >= 0) return fd;
         if (errno != EEXIST) return -1;
     }

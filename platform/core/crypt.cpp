@@ -73,12 +73,12 @@ bool create_key() {
 bool load_key(unsigned char key[kKeyBytes]) {
     if (sodium_init() < 0) return false;
     switch (read_key(key)) {
-    case KeyState::Ok:
-        return true;
-    case KeyState::Refused:  // there but not ours alone, unreadable or damaged: never replace it
-        return false;
-    case KeyState::Missing:
-        break;
+        case KeyState::Ok:
+            return true;
+        case KeyState::Refused:  // there but not ours alone, unreadable or damaged: never replace it
+            return false;
+        case KeyState::Missing:
+            break;
     }
     return create_key() && read_key(key) == KeyState::Ok;
 }

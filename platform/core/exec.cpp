@@ -21,9 +21,9 @@
 #include <stdarg.h>
 #include <string.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <syslog.h>
 #include <time.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <map>
@@ -89,7 +89,6 @@ int note_failure(const char *path, int result, std::string_view line) noexcept {
     }
     return result;
 }
-
 
 // Longest run of a program, and most output read from one through a stream.
 constexpr long long kRunLimitMs = 120000;
@@ -174,7 +173,9 @@ ssize_t stream_read(void *cookie, char *buf, size_t size) {
         }
         // An interrupted wait is reported as an interrupted read would be:
         // callers count and retry those themselves.
-        struct pollfd p {s.fd, POLLIN, 0};
+        struct pollfd p {
+            s.fd, POLLIN, 0
+        };
         int rc = ::poll(&p, 1, static_cast<int>(std::min<long long>(left, 1000)));
         if (rc < 0) return -1;
         if (rc == 0) continue;
@@ -321,10 +322,14 @@ int wait_child_until(pid_t pid, long long deadline_ms, int &status, bool &killed
         const long long left = deadline_ms - now_ms();
         if (left <= 0) break;
         if (pidfd.ok()) {
-            struct pollfd p {pidfd.get(), POLLIN, 0};
+            struct pollfd p {
+                pidfd.get(), POLLIN, 0
+            };
             (void)::poll(&p, 1, static_cast<int>(std::min<long long>(left, 1000)));
         } else {
-            struct timespec tick {0, std::min(nap_ms, left) * 1000 * 1000};
+            struct timespec tick {
+                0, std::min(nap_ms, left) * 1000 * 1000
+            };
             ::nanosleep(&tick, nullptr);
             nap_ms = std::min<long long>(nap_ms * 2, 50);
         }

@@ -56,8 +56,7 @@ int open_lock_at(int dirfd, const std::string &name) {
         errno = EPERM;
         return -1;
     }
-    Fd fd{::openat(dirfd, name.c_str(), O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY,
-                   0600)};
+    Fd fd{::openat(dirfd, name.c_str(), O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0600)};
     if (!fd.ok()) return -1;
     if (::fstat(fd.get(), &st) != 0) return -1;
     if (!S_ISREG(st.st_mode) || st.st_uid != ::geteuid()) {
@@ -81,7 +80,9 @@ int lock_bounded(int fd, long long limit_ms) {
         ::clock_gettime(CLOCK_MONOTONIC, &now);
         long long waited = (now.tv_sec - start.tv_sec) * 1000LL + (now.tv_nsec - start.tv_nsec) / 1000000;
         if (waited >= limit_ms) return EWOULDBLOCK;
-        struct timespec tick {0, 10 * 1000 * 1000};
+        struct timespec tick {
+            0, 10 * 1000 * 1000
+        };
         ::nanosleep(&tick, nullptr);
     }
 }

@@ -35,7 +35,8 @@ const Daemon *find_daemon(const std::string &name) {
 
 bool account_uid(const char *account, uid_t &uid) {
     if (!account) return false;
-    struct passwd pw {}, *found = nullptr;
+    struct passwd pw {
+    }, *found = nullptr;
     char buf[1024];
     if (::getpwnam_r(account, &pw, buf, sizeof buf, &found) != 0 || !found) return false;
     uid = found->pw_uid;

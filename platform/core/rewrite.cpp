@@ -67,9 +67,12 @@ void remove_stale_temps(int dirfd, const std::string &base) {
 std::string shared_lock_name(const std::string &dir, const std::string &base) {
     std::string name = "rewrite";
     for (char c : (dir == "/" ? "" : dir) + "/" + base) {
-        if (c == '/') name += "%2F";
-        else if (c == '%') name += "%25";
-        else name += c;
+        if (c == '/')
+            name += "%2F";
+        else if (c == '%')
+            name += "%25";
+        else
+            name += c;
     }
     if (name.size() > 200) {
         // Too long for one name: a hash of the path stands in.
@@ -116,8 +119,7 @@ int rewrite_file(const char *path, const EditFn &edit) {
 
     // The sidecar is 0600 (an older, wider one is narrowed): flock needs
     // only a read descriptor, so a readable lock file could be held by anyone.
-    Fd lock{shared ? open_private_lock(shared_lock_name(dir, base))
-                   : open_lock_at(dfd.get(), "." + base + ".lock")};
+    Fd lock{shared ? open_private_lock(shared_lock_name(dir, base)) : open_lock_at(dfd.get(), "." + base + ".lock")};
     if (!lock.ok()) {
         QC_FAIL(ERR_OPEN_FAILED);
         return -1;

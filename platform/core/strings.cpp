@@ -98,8 +98,8 @@ extern "C" QLIBC_API int QLIBCStrCat(char **ppBuf, int *pcbBuf, const char *sz) 
     return 0;
 }
 
-extern "C" QLIBC_API int QLIBCStrReplace(const char *szSrc, const char *szPattern, const char *szReplace,
-                                         char *szBuf, int cbBuf) {
+extern "C" QLIBC_API int QLIBCStrReplace(const char *szSrc, const char *szPattern, const char *szReplace, char *szBuf,
+                                         int cbBuf) {
     if (!szSrc || !szPattern || !szReplace || !szBuf || cbBuf <= 0) {
         QC_FAIL(ERR_BAD_PARAMETER);
         return -1;

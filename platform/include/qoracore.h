@@ -18,22 +18,22 @@ extern "C" {
 #endif
 
 /* Error codes recorded in the error slot. */
-#define ERR_NAME_TOO_LONG      0x0100u
-#define ERR_OUT_OF_MEMORY      0x0200u
-#define ERR_LOCK_FAILED        0x0400u
-#define ERR_UNLOCK_FAILED      0x0500u
-#define ERR_OPEN_FAILED        0x0900u
-#define ERR_READ_FAILED        0x0A00u
-#define ERR_WRITE_FAILED       0x0B00u
-#define ERR_BAD_PARAMETER      0x0D00u
-#define ERR_KEY_NOT_FOUND      0x2000u
-#define ERR_FIELD_NOT_FOUND    0x2600u
-#define ERR_RENAME_FAILED      0x2800u
-#define ERR_EXTERNAL_FAILED    0x2A00u
-#define ERR_SIGCHLD_IGNORED    0x2B00u /* a program run refused: the caller ignores SIGCHLD */
-#define ERR_REMOVE_KEY_FAILED  0x3900u
-#define ERR_VALUE_TOO_LONG     0xBF00u
-#define ERR_SERVICE_RUNNING    0xD000u
+#define ERR_NAME_TOO_LONG 0x0100u
+#define ERR_OUT_OF_MEMORY 0x0200u
+#define ERR_LOCK_FAILED 0x0400u
+#define ERR_UNLOCK_FAILED 0x0500u
+#define ERR_OPEN_FAILED 0x0900u
+#define ERR_READ_FAILED 0x0A00u
+#define ERR_WRITE_FAILED 0x0B00u
+#define ERR_BAD_PARAMETER 0x0D00u
+#define ERR_KEY_NOT_FOUND 0x2000u
+#define ERR_FIELD_NOT_FOUND 0x2600u
+#define ERR_RENAME_FAILED 0x2800u
+#define ERR_EXTERNAL_FAILED 0x2A00u
+#define ERR_SIGCHLD_IGNORED 0x2B00u /* a program run refused: the caller ignores SIGCHLD */
+#define ERR_REMOVE_KEY_FAILED 0x3900u
+#define ERR_VALUE_TOO_LONG 0xBF00u
+#define ERR_SERVICE_RUNNING 0xD000u
 
 /* ---- Error slot (one per thread) ---------------------------------------- */
 QLIBC_API void QLIBCErrSetEx(unsigned int uCode, const char *szFile, int iLine);
@@ -127,8 +127,8 @@ QLIBC_API int QLIBCFileGetSection(const char *szFile, const char *szSection, PQL
 QLIBC_API int QLIBCFileAddSection(const char *szFile, const char *szSection, PQLIBSZHASH pHash, const char *szFormat);
 QLIBC_API int QLIBCFileSetSection(const char *szFile, const char *szSection, const char *szNewSection,
                                   PQLIBSZHASH pHash, const char *szFormat);
-QLIBC_API int QLIBCFileGetSectionValue(const char *szFile, const char *szSection, const char *szKey,
-                                       char *szBuf, int cbBuf);
+QLIBC_API int QLIBCFileGetSectionValue(const char *szFile, const char *szSection, const char *szKey, char *szBuf,
+                                       int cbBuf);
 QLIBC_API int QLIBCFileSetSectionValue(const char *szFile, const char *szSection, const char *szKey,
                                        const char *szValue);
 
@@ -154,8 +154,8 @@ QLIBC_API int QLIBCFileLockByFile(const char *szFile, int iMode, int *pFd);
  * until QLIBCFileUnlock (non-zero with ERR_UNLOCK_FAILED when not held); a
  * second thread of the process waits like another process would.
  */
-#define LOCK_USBIDMAP      0x20000u
-#define LOCK_MODE_EX_WAIT  0x6u
+#define LOCK_USBIDMAP 0x20000u
+#define LOCK_MODE_EX_WAIT 0x6u
 QLIBC_API int QLIBCFileLock(unsigned int uRequest, int iWaitLimit);
 QLIBC_API int QLIBCFileUnlock(unsigned int uLock);
 
@@ -165,8 +165,7 @@ QLIBC_API int QLIBCStrTok(const char *sz, const char *szDelim, PQLIBSZLIST *ppLi
 QLIBC_API int QLIBCStrSep(const char *sz, const char *szSep, PQLIBSZLIST *ppList);
 QLIBC_API void QLIBCStrCaseLower(const char *szSrc, int iReserved, char *szBuf, int cbBuf);
 QLIBC_API int QLIBCStrCat(char **ppBuf, int *pcbBuf, const char *sz);
-QLIBC_API int QLIBCStrReplace(const char *szSrc, const char *szPattern, const char *szReplace,
-                              char *szBuf, int cbBuf);
+QLIBC_API int QLIBCStrReplace(const char *szSrc, const char *szPattern, const char *szReplace, char *szBuf, int cbBuf);
 
 /* ---- Programs and processes ------------------------------------------------------ */
 /*

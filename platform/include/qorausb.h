@@ -13,25 +13,25 @@ extern "C" {
 #endif
 
 /* Device type flags. */
-#define QORAUSB_TYPE_PRINTER_UNI  0x04u
-#define QORAUSB_TYPE_PRINTER_BI   0x08u
-#define QORAUSB_TYPE_PRINTER      (QORAUSB_TYPE_PRINTER_UNI | QORAUSB_TYPE_PRINTER_BI)
-#define QORAUSB_TYPE_STORAGE      0x01u
-#define QORAUSB_TYPE_OTHER        0x80u
+#define QORAUSB_TYPE_PRINTER_UNI 0x04u
+#define QORAUSB_TYPE_PRINTER_BI 0x08u
+#define QORAUSB_TYPE_PRINTER (QORAUSB_TYPE_PRINTER_UNI | QORAUSB_TYPE_PRINTER_BI)
+#define QORAUSB_TYPE_STORAGE 0x01u
+#define QORAUSB_TYPE_OTHER 0x80u
 
 typedef struct QORAUSB_DEV_INFO {
-    unsigned char ucType;              /* QORAUSB_TYPE_* flags */
+    unsigned char ucType; /* QORAUSB_TYPE_* flags */
     unsigned char ucBusNum;
     unsigned char ucDevNum;
     unsigned char ucReserved;
     unsigned long ulVendorId;
     unsigned long ulProductId;
-    char szDevName[32];                /* the usbtab key, e.g. lp0 */
-    char szBusId[64];                  /* the sysfs bus ID, e.g. 1-1.2 */
+    char szDevName[32]; /* the usbtab key, e.g. lp0 */
+    char szBusId[64];   /* the sysfs bus ID, e.g. 1-1.2 */
     char szManufacturer[128];
     char szProduct[128];
     char szSerial[128];
-    char szPrinterId[256];             /* empty when none is known */
+    char szPrinterId[256]; /* empty when none is known */
 } QORAUSB_DEV_INFO, *PQORAUSB_DEV_INFO;
 
 /*

@@ -1,6 +1,6 @@
 // The stored device ID string of a printer, from its printer.conf section.
-#include "qoraprintergpl.h"
 #include "qoracore.h"
+#include "qoraprintergpl.h"
 
 #define GPL_FAIL(code) QLIBCErrSetEx((code), __FILE_NAME__, __LINE__)
 

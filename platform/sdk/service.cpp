@@ -1,7 +1,7 @@
 // The appliance's services as the printer library sees them: whether one runs,
 // and starting one and waiting until it answers.
-#include "qorasdk.h"
 #include "qoracore.h"
+#include "qorasdk.h"
 
 #include <errno.h>
 #include <string.h>
@@ -15,13 +15,13 @@
 namespace {
 
 struct Service {
-    const char *name;      // as callers name it
-    const char *process;   // its process name; the core library also checks
-                           // that the process runs `program` as root (or as
-                           // the account the daemon drops to)
-    const char *program;   // absolute path; it puts itself in the background
-    const char *option;    // one argument or NULL
-    const char *socket;    // unix socket that accepts once the service is ready
+    const char *name;     // as callers name it
+    const char *process;  // its process name; the core library also checks
+                          // that the process runs `program` as root (or as
+                          // the account the daemon drops to)
+    const char *program;  // absolute path; it puts itself in the background
+    const char *option;   // one argument or NULL
+    const char *socket;   // unix socket that accepts once the service is ready
 };
 
 constexpr Service kServices[] = {
@@ -91,7 +91,9 @@ extern "C" QLIBSDK_API int QLIBServiceStart(const char *szService, int iOptions)
     for (;;) {
         if (ready(*s)) return 0;
         if (now_ms() >= deadline) break;
-        struct timespec tick {0, kPollMs * 1000 * 1000};
+        struct timespec tick {
+            0, kPollMs * 1000 * 1000
+        };
         ::nanosleep(&tick, nullptr);
     }
     SDK_FAIL(ERR_EXTERNAL_FAILED);

@@ -4,8 +4,8 @@
 // read only through the core library's key-value readers: a usbtab that is
 // not root's own regular file (a link, a FIFO, a user's file) reads as
 // absent, nothing blocks, and a usbtab over 1 MiB is an error, never read.
-#include "qorausb.h"
 #include "qoracore.h"
+#include "qorausb.h"
 
 #include <dirent.h>
 #include <errno.h>
@@ -16,8 +16,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <new>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -75,8 +75,10 @@ unsigned char device_type(const std::string &dir, const std::string &bus_id) {
     while (struct dirent *e = ::readdir(d.get())) {
         if (strncmp(e->d_name, prefix.c_str(), prefix.size()) != 0) continue;
         std::string cls = read_attr(dir + "/" + e->d_name, "bInterfaceClass");
-        if (cls == "07") type |= QORAUSB_TYPE_PRINTER_BI;
-        else if (cls == "08") type |= QORAUSB_TYPE_STORAGE;
+        if (cls == "07")
+            type |= QORAUSB_TYPE_PRINTER_BI;
+        else if (cls == "08")
+            type |= QORAUSB_TYPE_STORAGE;
     }
     return type ? type : QORAUSB_TYPE_OTHER;
 }

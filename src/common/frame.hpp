@@ -39,22 +39,22 @@
 // The checks run left to right and stop at the first that fails; its text
 // (the condition exactly as written) goes into the one message logged.
 #define QP_ARG(cond) (qp_failed_check_ = #cond, static_cast<bool>(cond))
-#define QP_CHECK_ARGS(failval, checks)                                      \
-    do {                                                                    \
-        const char *qp_failed_check_ = nullptr;                             \
-        if (!(checks)) {                                                    \
+#define QP_CHECK_ARGS(failval, checks)                                         \
+    do {                                                                       \
+        const char *qp_failed_check_ = nullptr;                                \
+        if (!(checks)) {                                                       \
             ::qp::log_bad_argument(__FILE_NAME__, __LINE__, qp_failed_check_); \
-            return (failval);                                               \
-        }                                                                   \
+            return (failval);                                                  \
+        }                                                                      \
     } while (0)
 
 // A check without a message: sets 0x0D00 and returns.
-#define QP_CHECK_QUIET(failval, cond)          \
-    do {                                       \
-        if (!(cond)) {                         \
-            QP_SET_ERR(ERR_BAD_PARAMETER);     \
-            return (failval);                  \
-        }                                      \
+#define QP_CHECK_QUIET(failval, cond)      \
+    do {                                   \
+        if (!(cond)) {                     \
+            QP_SET_ERR(ERR_BAD_PARAMETER); \
+            return (failval);              \
+        }                                  \
     } while (0)
 
 namespace qp {

@@ -32,7 +32,8 @@ std::vector<std::string> spool_entries() {
 int remove_all(const std::vector<std::string> &paths) {
     size_t at = 0;
     do {
-        std::vector<char *> argv{const_cast<char *>(qp::tool::kRm), const_cast<char *>("-rf"), const_cast<char *>("--")};
+        std::vector<char *> argv{const_cast<char *>(qp::tool::kRm), const_cast<char *>("-rf"),
+                                 const_cast<char *>("--")};
         for (size_t end = std::min(paths.size(), at + kPathsPerRun); at < end; ++at)
             argv.push_back(const_cast<char *>(paths[at].c_str()));
         argv.push_back(nullptr);

@@ -19,8 +19,8 @@
 #include "frame.hpp"
 #include "names.hpp"
 #include "owners.hpp"
-#include "qorasdk.h"
 #include "paths.hpp"
+#include "qorasdk.h"
 
 namespace {
 

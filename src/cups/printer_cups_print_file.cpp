@@ -6,8 +6,7 @@
 #include "names.hpp"
 #include "paths.hpp"
 
-QP_EXPORT int QORAPrinterCupsPrintFile(const char *szPrinterId, const char *szFile, const char *szTitle,
-                                       int blRemove) {
+QP_EXPORT int QORAPrinterCupsPrintFile(const char *szPrinterId, const char *szFile, const char *szTitle, int blRemove) {
     return QP_GUARD(-1, {
         QP_CHECK_QUIET(-1, szPrinterId && szFile);
         // lpr takes the file as its last argument: a regular file whose name

@@ -50,8 +50,7 @@ int create_stopped(const char *queue, const std::string &uri, const std::string 
 
 void store_name(const char *szName, const char *szPrinterId) {
     const qp::ConfLock lock(QORAPrinterPrinterConfLock());
-    if (!lock ||
-        QLIBCFileSetSectionValue(qp::path::kPrinterConf, szPrinterId, "cups printer name", szName) < 0)
+    if (!lock || QLIBCFileSetSectionValue(qp::path::kPrinterConf, szPrinterId, "cups printer name", szName) < 0)
         QP_LOG_ERR("save printer name=%s failed, printer=%s " QP_LOWER_FMT, szName, szPrinterId, QP_LOWER_ARGS);
 }
 

@@ -20,8 +20,7 @@ bool choose_ppd(const char *ppd_file, const char *printer_id, std::string &ppd, 
             return false;
         }
         if (printer_backup_ppd(ppd_file, printer_id) != 0)
-            ::syslog(LOG_ERR, "%s:%d Failed to backup ppd file: %s" QP_LOWER_FMT, file, line, ppd_file,
-                     QP_LOWER_ARGS);
+            ::syslog(LOG_ERR, "%s:%d Failed to backup ppd file: %s" QP_LOWER_FMT, file, line, ppd_file, QP_LOWER_ARGS);
         ppd = ppd_file;
         return true;
     }
@@ -41,8 +40,8 @@ int create_queue(const char *queue, const char *uri, const std::string &ppd, con
         const int ret = ::QLIBCExecv(tool::kLpadmin, args.argv(), 1);
         if (ret == 0) return 0;
         --left;
-        ::syslog(LOG_ERR, "%s:%d add cups printer=%s, retry(%d) ... %s [%d]", file, line, queue, left,
-                 tool::kLpadmin, ret);
+        ::syslog(LOG_ERR, "%s:%d add cups printer=%s, retry(%d) ... %s [%d]", file, line, queue, left, tool::kLpadmin,
+                 ret);
         if (left == 0) return -1;
         ::sleep(2);
     }

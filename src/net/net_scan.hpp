@@ -44,12 +44,12 @@ Lines each_line(FILE *out, Visit &&visit) {
     int interrupts = 0;
     for (;;) {
         switch (read_line(out, line, interrupts)) {
-        case ReadResult::kInterrupted:
-            return Lines::kInterrupted;
-        case ReadResult::kEnd:
-            return Lines::kEnd;
-        case ReadResult::kLine:
-            break;
+            case ReadResult::kInterrupted:
+                return Lines::kInterrupted;
+            case ReadResult::kEnd:
+                return Lines::kEnd;
+            case ReadResult::kLine:
+                break;
         }
         QLIBCStrTrim(line, 0, 0);
         if (visit(static_cast<char *>(line))) return Lines::kStopped;

@@ -15,8 +15,8 @@
 #include "frame.hpp"
 #include "net/net_scan.hpp"
 #include "owners.hpp"
-#include "qorasdk.h"
 #include "paths.hpp"
+#include "qorasdk.h"
 
 namespace {
 
@@ -82,8 +82,9 @@ int avahi_txt_read(const char *szDesc, PrinterNetInfo *pNPInfo) {
     char *id = pNPInfo->szStringId;
     const size_t size = sizeof pNPInfo->szStringId;
     id[0] = '\0';
-    const char *const pieces[] = {"MFG:", pNPInfo->szVendor, ";CMD:", szCmd, ";MDL:", pNPInfo->szModel,
-                                  ";CLS:PRINTER;DES:", pNPInfo->szVendor, " ", pNPInfo->szModel, ";"};
+    const char *const pieces[] = {
+        "MFG:", pNPInfo->szVendor, ";CMD:", szCmd, ";MDL:", pNPInfo->szModel, ";CLS:PRINTER;DES:", pNPInfo->szVendor,
+        " ",    pNPInfo->szModel,  ";"};
     for (const char *piece : pieces) append_cut(id, size, piece);
     return 0;
 }

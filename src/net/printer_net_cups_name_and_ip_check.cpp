@@ -43,14 +43,13 @@ struct NameIpVisit {
 
 int qp::net::lpstat_name_scan(FILE *pPipe, const char *szCupsPrinterName, const char *szIpPattern) {
     int found = 0;
-    return qp::read_listing(pPipe, NameIpVisit{szCupsPrinterName, szIpPattern, found}) == qp::Listing::kFailed
-               ? -1
-               : found;
+    return qp::read_listing(pPipe, NameIpVisit{szCupsPrinterName, szIpPattern, found}) == qp::Listing::kFailed ? -1
+                                                                                                               : found;
 }
 
 QP_EXPORT int QORAPrinterNetCupsNameAndIPCheck(const char *szIP, const char *szCupsPrinterName) {
-    QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP) && QP_ARG(0 != szIP[0]) &&
-                          QP_ARG(((void *)0) != szCupsPrinterName) && QP_ARG(0 != szCupsPrinterName[0]));
+    QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP) && QP_ARG(0 != szIP[0]) && QP_ARG(((void *)0) != szCupsPrinterName) &&
+                          QP_ARG(0 != szCupsPrinterName[0]));
     return QP_GUARD(-1, {
         if (QLIBServiceIsRunning("cupsd") <= 0) {
             QP_LOG_ERR("%s is not running.", "cupsd");

@@ -46,13 +46,13 @@ int uri_read(FILE *walk, char *szUri, int cbUri) {
     const Lines got = each_line(walk, [&](char *line) {
         std::string_view candidate;
         switch (uri_line(line, &candidate)) {
-        case UriLine::kSkip:
-            return false;
-        case UriLine::kStop:
-            result = -1;
-            return true;
-        case UriLine::kSelect:
-            break;
+            case UriLine::kSkip:
+                return false;
+            case UriLine::kStop:
+                result = -1;
+                return true;
+            case UriLine::kSelect:
+                break;
         }
         if (cbUri <= 0) {
             result = -1;

@@ -25,7 +25,8 @@ QP_EXPORT int QORAPrinterNetInfoGetByIP(const char *szIP, PrinterNetInfo *pNPInf
         }
 
         if (stringId == 0) {
-            if (QORAPrinterConfStringIdGetVendor(pNPInfo->szStringId, pNPInfo->szVendor, sizeof pNPInfo->szVendor) < 0) {
+            if (QORAPrinterConfStringIdGetVendor(pNPInfo->szStringId, pNPInfo->szVendor, sizeof pNPInfo->szVendor) <
+                0) {
                 QP_LOG_ERR("Failed to get network printer brand from string ID." QP_LOWER_FMT, QP_LOWER_ARGS);
                 return -1;
             }

@@ -22,9 +22,12 @@ struct IpVisit {
 
 int qp::net::lpstat_ip_scan(FILE *pPipe, const char *szIpPattern) {
     switch (qp::read_listing(pPipe, IpVisit{szIpPattern})) {
-    case qp::Listing::kStopped: return 0;
-    case qp::Listing::kComplete: return 1;
-    case qp::Listing::kFailed: break;
+        case qp::Listing::kStopped:
+            return 0;
+        case qp::Listing::kComplete:
+            return 1;
+        case qp::Listing::kFailed:
+            break;
     }
     return -1;
 }
@@ -48,9 +51,12 @@ QP_EXPORT int QORAPrinterNetIPCheck(const char *szIP) {
         snprintf(szPattern, sizeof szPattern, "/%s/", szIP);
 
         switch (qp::list_queues(IpVisit{szPattern})) {
-        case qp::Listing::kStopped: return 0;
-        case qp::Listing::kComplete: return 1;
-        case qp::Listing::kFailed: break;
+            case qp::Listing::kStopped:
+                return 0;
+            case qp::Listing::kComplete:
+                return 1;
+            case qp::Listing::kFailed:
+                break;
         }
         QP_SET_ERR(ERR_EXTERNAL_FAILED);
         return -1;

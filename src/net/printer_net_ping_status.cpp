@@ -40,7 +40,8 @@ int ping_read(FILE *out, char *szStatus, int cbStatus) {
     // No summary: the answer stays "Offline".
     const Lines got = each_line(out, [&](char *line) {
         if (!strstr(line, "packet loss")) return false;
-        if (ping_summary_online(line) && cbStatus > 0) snprintf(szStatus, static_cast<size_t>(cbStatus), "%s", "Online");
+        if (ping_summary_online(line) && cbStatus > 0)
+            snprintf(szStatus, static_cast<size_t>(cbStatus), "%s", "Online");
         return true;
     });
     return got == Lines::kInterrupted ? -1 : 0;

@@ -22,8 +22,8 @@ std::size_t find_key(std::string_view s, std::string_view key) noexcept {
     if (key.size() > s.size()) return std::string_view::npos;
     for (std::size_t i = 0; i + key.size() <= s.size(); ++i) {
         std::size_t j = 0;
-        while (j < key.size() && ascii_lower(static_cast<unsigned char>(s[i + j])) ==
-                                     ascii_lower(static_cast<unsigned char>(key[j])))
+        while (j < key.size() &&
+               ascii_lower(static_cast<unsigned char>(s[i + j])) == ascii_lower(static_cast<unsigned char>(key[j])))
             ++j;
         if (j == key.size()) return i;
     }
@@ -34,8 +34,8 @@ std::size_t find_key(std::string_view s, std::string_view key) noexcept {
 
 QP_EXPORT int QORAPrinterConfStringIdParse(char *szStringId, const char *szType, char *szBuf, int cbBuf) {
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szStringId) && QP_ARG(0 != szStringId[0]) &&
-                          QP_ARG(((void *)0) != szType) && QP_ARG(0 != szType[0]) &&
-                          QP_ARG(((void *)0) != szBuf) && QP_ARG(0 < cbBuf));
+                          QP_ARG(((void *)0) != szType) && QP_ARG(0 != szType[0]) && QP_ARG(((void *)0) != szBuf) &&
+                          QP_ARG(0 < cbBuf));
     return QP_GUARD(-1, {
         const std::string_view id(szStringId);
         const std::string_view key(szType);
@@ -45,8 +45,8 @@ QP_EXPORT int QORAPrinterConfStringIdParse(char *szStringId, const char *szType,
         std::string_view value = id.substr(at + key.size());
         value = value.substr(0, value.find(';'));
 
-        const std::size_t n = value.size() < static_cast<std::size_t>(cbBuf) - 1 ? value.size()
-                                                                                   : static_cast<std::size_t>(cbBuf) - 1;
+        const std::size_t n =
+            value.size() < static_cast<std::size_t>(cbBuf) - 1 ? value.size() : static_cast<std::size_t>(cbBuf) - 1;
         value.copy(szBuf, n);
         szBuf[n] = '\0';
         return 0;

@@ -28,7 +28,7 @@ constexpr unsigned long kLpiocPrinterEnable = 0x40005008UL;   // 'P' 8, write, n
 constexpr unsigned long kLpiocPrinterDisable = 0x40005007UL;  // 'P' 7, write, no data
 constexpr int kLockWaitLimit = 15;
 constexpr int kStringIdSize = 4095;
-constexpr int kIdCut = 127;  // printer ID, producer and product name
+constexpr int kIdCut = 127;                    // printer ID, producer and product name
 constexpr const char *kUsbtabName = "usbtab";  // in /tmp
 
 // A usbtab key as the core library's key-value writer accepts it: not empty,
@@ -231,8 +231,8 @@ QP_EXPORT int QORAPrinterEnableExt(int iAction, const char *szDevName, const cha
             QP_LOG_ERR("Exceed the max number of printers supported.");
             result = 0;
         } else if (UsbtabUpdate(iAction, szDevName, szBusId) < 0) {
-            QP_LOG_ERR("%s update entry %s=%s failed.(action=%d)" QP_CODE_FMT, qp::path::kUsbtab, szDevName,
-                       szBusId, iAction, QLIBCErrGet());
+            QP_LOG_ERR("%s update entry %s=%s failed.(action=%d)" QP_CODE_FMT, qp::path::kUsbtab, szDevName, szBusId,
+                       iAction, QLIBCErrGet());
         } else if (UsbPrinterConfSetup(szDevName) < 0) {
             QP_LOG_ERR("Set Printer Conf failed" QP_CODE_FMT ", printer=%s", QLIBCErrGet(), szDevName);
         } else {
@@ -260,8 +260,8 @@ QP_EXPORT int QORAPrinterEnableExt(int iAction, const char *szDevName, const cha
     } else if (szBusId == nullptr || szBusId[0] == '\0') {
         QP_LOG_ERR("delete printer failed: no bus id");
     } else if (UsbtabUpdate(0, nullptr, szBusId) < 0) {
-        QP_LOG_ERR("%s update entry %s=%s failed.(action=%d)" QP_CODE_FMT, qp::path::kUsbtab, "", szBusId,
-                   iAction, QLIBCErrGet());
+        QP_LOG_ERR("%s update entry %s=%s failed.(action=%d)" QP_CODE_FMT, qp::path::kUsbtab, "", szBusId, iAction,
+                   QLIBCErrGet());
     } else {
         release();
         result = 0;
