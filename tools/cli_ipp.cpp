@@ -179,7 +179,8 @@ std::string base64_decode(const std::string &s) {
     std::string out;
     unsigned int acc = 0;
     int bits = 0;
-    for (unsigned char c : s) {
+    for (const char ch : s) {
+        const auto c = static_cast<unsigned char>(ch);
         int v;
         if (c >= 'A' && c <= 'Z')
             v = c - 'A';
@@ -292,7 +293,8 @@ std::string supply_field(const std::string &item, const std::string &key) {
 
 std::string json_string(const std::string &s) {
     std::string out = "\"";
-    for (unsigned char c : s) {
+    for (const char ch : s) {
+        const auto c = static_cast<unsigned char>(ch);
         if (c == '"' || c == '\\') {
             out += '\\';
             out += static_cast<char>(c);
