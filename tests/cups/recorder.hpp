@@ -1,10 +1,8 @@
-// Puts tool_recorder in a tool's place for one test and reads what it saw.
+// Puts tool_recorder.sh in a tool's place for one test and reads what it saw.
 #pragma once
 
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -27,7 +25,7 @@ public:
         const std::string base = tool_.substr(slash + 1);
         dir_ = "/run/qp-rec/" + base + "/";
         qpt::mkdirs(dir_);
-        for (const char *f : {"log", "fail", "output", "delay_ms", "vanish"}) unlink((dir_ + f).c_str());
+        for (const char *f : {"log", "fail", "output", "delay_ms"}) unlink((dir_ + f).c_str());
         char target[4096] = {0};
         if (readlink(tool_.c_str(), target, sizeof target - 1) > 0) old_link_ = target;
         if (old_link_.empty() && qpt::exists(tool_)) {
@@ -37,7 +35,7 @@ public:
         }
         unlink(tool_.c_str());
         qpt::write_file(dir_ + "real", real.empty() ? saved_ : real);
-        qpt::write_file(tool_, qpt::read_file(qpt::bin_path("qp-tool-recorder")), 0755);
+        qpt::write_file(tool_, qpt::read_file(qpt::source_path("tests/cups/tool_recorder.sh")), 0755);
     }
     ~Recorder() {
         unlink(tool_.c_str());
@@ -55,8 +53,6 @@ public:
     // Every run prints this instead of running the real tool.
     void play(const std::string &output) { qpt::write_file(dir_ + "output", output); }
     void delay_ms(int ms) { qpt::write_file(dir_ + "delay_ms", std::to_string(ms)); }
-    // The tool is gone after its next run.
-    void vanish_after_run() { qpt::write_file(dir_ + "vanish", ""); }
 
     std::vector<Argv> runs() const {
         std::vector<Argv> all;
