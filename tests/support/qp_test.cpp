@@ -42,24 +42,13 @@ struct RefuseToRunOutsideTheSandbox {
 
 // ---- files ------------------------------------------------------------------
 
-bool read_file(const std::string &path, std::string &out) {
-    out.clear();
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    char buf[65536];
-    for (;;) {
-        ssize_t n = read(fd, buf, sizeof buf);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        out.append(buf, static_cast<size_t>(n));
-    }
-    close(fd);
-    return true;
-}
-
 std::string read_file(const std::string &path) {
     std::string out;
-    read_file(path, out);
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    char buf[65536];
+    for (ssize_t n; fd >= 0 && ((n = read(fd, buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR));)
+        if (n > 0) out.append(buf, static_cast<size_t>(n));
+    if (fd >= 0) close(fd);
     return out;
 }
 

@@ -90,8 +90,6 @@ void add_device(const Device &d) {
     qpt::write_file(iface + "/bInterfaceClass", d.iface_class + "\n");
 }
 
-void remove_device(const std::string &busid) { std::filesystem::remove_all(std::string(kSysfs) + "/" + busid); }
-
 void install_bind_driver() {
     qpt::write_file("/usr/bin/bind_driver", qpt::read_file(qpt::source_path("tests/usb/fake_bind_driver.sh")), 0755);
     qpt::remove_file("/tmp/bind_driver.log");
