@@ -8,7 +8,6 @@ heading "Network printer"
 
 say "Setting up a small printer network inside the sandbox: this namespace is the"
 say "appliance (10.123.0.1); a second namespace holds the printers (10.123.0.2 ...)."
-export QP_BJNP_RESPONDER="$QP_BUILD_DIR/bin/qp-bjnp-responder"
 if ! bash "$QP_SOURCE_DIR/tests/net/netlab.sh" up snmp bjnp avahi; then
     say "The printer network could not be set up."
     exit 1

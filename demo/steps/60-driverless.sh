@@ -6,7 +6,6 @@
 
 heading "Driverless network printer"
 
-export QP_BJNP_RESPONDER="$QP_BUILD_DIR/bin/qp-bjnp-responder"
 if ! bash "$QP_SOURCE_DIR/tests/net/netlab.sh" up ipp; then
     say "The IPP printers could not be started."
     exit 1

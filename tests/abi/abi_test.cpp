@@ -52,34 +52,4 @@ TEST(Abi, PublicHeaderStandsAloneInStrictC99AndCxx) {
     }
 }
 
-TEST(Abi, InstalledTreeBuildsACallerThroughPkgConfig) {
-    const std::string prefix = "/tmp/abi/prefix";
-    qpt::RunResult inst = qpt::run({QP_CMAKE, "--install", QP_BUILD_DIR, "--prefix", prefix});
-    ASSERT_EQ(inst.status, 0) << inst.out << inst.err;
-    std::vector<std::string> pcs = words(qpt::run({"/usr/bin/find", prefix, "-name", "qoraprinter.pc"}).out);
-    ASSERT_EQ(pcs.size(), 1u);
-    const std::string pcdir = pcs[0].substr(0, pcs[0].rfind('/')), libdir = pcdir.substr(0, pcdir.rfind('/'));
-    qpt::RunResult flags = qpt::run({"/usr/bin/env", "PKG_CONFIG_PATH=" + pcdir, "/usr/bin/pkg-config", "--cflags",
-                                     "--libs", "qoraprinter"});
-    ASSERT_EQ(flags.status, 0) << flags.err;
-
-    qpt::write_file("/tmp/abi/caller.c",
-                    "#include <stdio.h>\n#include <qoraprinter.h>\nint main(void) {\n"
-                    "    char id[] = \"MFG:ACME;MDL:Laser 100;\", buf[64] = \"\";\n"
-                    "    int ok = QORAPrinterConfStringIdGetVendor(id, buf, (int)sizeof buf);\n"
-                    "    int bad = QORAPrinterConfStringIdGetVendor(NULL, buf, (int)sizeof buf);\n"
-                    "    printf(\"%d %s %d 0x%04X\\n\", ok, buf, bad, QLIBCErrGet());\n    return 0;\n}\n");
-    // A prefix outside the loader's search path: the linker, too, finds the
-    // library's own dependencies through LD_LIBRARY_PATH.
-    std::vector<std::string> cc = {"/usr/bin/env", "LD_LIBRARY_PATH=" + libdir, QP_CC, "-std=c99", "-Wall", "-Werror",
-                                   "/tmp/abi/caller.c", "-o", "/tmp/abi/caller"};
-    if (QP_SANITIZED) cc.push_back("-fsanitize=address,undefined");
-    for (const std::string &f : words(flags.out)) cc.push_back(f);
-    qpt::RunResult build = qpt::run(cc);
-    ASSERT_EQ(build.status, 0) << flags.out << "\n" << build.err;
-    qpt::RunResult call = qpt::run({"/usr/bin/env", "LD_LIBRARY_PATH=" + libdir, "/tmp/abi/caller"});
-    EXPECT_EQ(call.status, 0) << call.err;
-    EXPECT_EQ(call.out, "0 ACME -1 0x0D00\n") << call.err;
-}
-
 }  // namespace

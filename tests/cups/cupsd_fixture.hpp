@@ -1,11 +1,8 @@
 // A private CUPS scheduler for tests that run inside the sandbox.
 //
-// install() writes a configuration for the real /usr/sbin/cupsd into the
-// sandbox's /etc/cups (Unix socket only, no TCP, no browsing, no web
-// interface, every operation allowed) and provides the tools at the paths
-// the library runs them from (/usr/bin/lpadmin, cupsenable, cupsdisable).
-// Because the configuration sits at the default place, a plain
-// "/usr/sbin/cupsd" (as the service layer starts it) uses it too.
+// install() runs qp-cupsd-setup (cupsd_setup.sh): the configuration for the
+// real /usr/sbin/cupsd at its default place in the sandbox's /etc/cups, so a
+// plain "/usr/sbin/cupsd" (as the library starts it) uses it too.
 //
 // Use from any test binary: add cupsd_fixture.cpp to its SOURCES and
 //
@@ -43,8 +40,7 @@ public:
     Cupsd &operator=(const Cupsd &) = delete;
     ~Cupsd();  // stops the scheduler
 
-    // Writes the configuration and the tool links; forgets any queue a
-    // former scheduler left in printers.conf.  start() calls it once.
+    // Runs qp-cupsd-setup (which forgets every queue); start() calls it once.
     static void install();
 
     // Starts /usr/sbin/cupsd -f unless one runs; true once its socket accepts.
@@ -80,13 +76,5 @@ public:
 private:
     pid_t pid_ = -1;  // the cupsd we started and must reap
 };
-
-// Runs one of the tools by absolute path; exit status and both outputs.
-struct ToolResult {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-ToolResult run_tool(const std::vector<std::string> &argv);
 
 }  // namespace qpcups

@@ -1,10 +1,8 @@
-// Puts tool_recorder in a tool's place for one test and reads what it saw.
+// Puts tool_recorder.sh in a tool's place for one test and reads what it saw.
 #pragma once
 
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -27,7 +25,7 @@ public:
         const std::string base = tool_.substr(slash + 1);
         dir_ = "/run/qp-rec/" + base + "/";
         qpt::mkdirs(dir_);
-        for (const char *f : {"log", "fail", "output", "delay_ms", "vanish", "restore"}) unlink((dir_ + f).c_str());
+        for (const char *f : {"log", "fail", "output", "delay_ms", "restore"}) unlink((dir_ + f).c_str());
         char target[4096] = {0};
         if (readlink(tool_.c_str(), target, sizeof target - 1) > 0) old_link_ = target;
         if (old_link_.empty() && qpt::exists(tool_)) {
@@ -37,7 +35,7 @@ public:
         }
         unlink(tool_.c_str());
         qpt::write_file(dir_ + "real", real.empty() ? saved_ : real);
-        qpt::write_file(tool_, qpt::read_file(qpt::bin_path("qp-tool-recorder")), 0755);
+        qpt::write_file(tool_, qpt::read_file(qpt::source_path("tests/cups/tool_recorder.sh")), 0755);
     }
     ~Recorder() {
         if (!saved_.empty() && !qpt::exists(saved_)) return;  // put back by its run already
@@ -59,8 +57,6 @@ public:
     // The next run puts the real program back in the tool's place and runs
     // it from there: a daemon runs its own program, as the service check wants.
     void restore_on_run() { qpt::write_file(dir_ + "restore", ""); }
-    // The tool is gone after its next run.
-    void vanish_after_run() { qpt::write_file(dir_ + "vanish", ""); }
 
     std::vector<Argv> runs() const {
         std::vector<Argv> all;

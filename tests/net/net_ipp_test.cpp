@@ -41,27 +41,6 @@ std::vector<std::string> spool() {
     return names;
 }
 
-// A one-page PDF with a line of text, its cross-reference table exact.
-std::string small_pdf() {
-    const char *objs[] = {
-        "<< /Type /Catalog /Pages 2 0 R >>",
-        "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
-        ("<< /Type /Page /Parent 2 0 R /MediaBox [0 0 595 842] /Contents 4 0 R "
-         "/Resources << /Font << /F1 5 0 R >> >> >>"),
-        "<< /Length 44 >>\nstream\nBT /F1 24 Tf 72 720 Td (Driverless) Tj ET\nendstream",
-        "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>",
-    };
-    std::string pdf = "%PDF-1.4\n", xref = "xref\n0 6\n0000000000 65535 f \n";
-    for (int i = 0; i < 5; ++i) {
-        char off[24];
-        snprintf(off, sizeof off, "%010zu 00000 n \n", pdf.size());
-        xref += off;
-        pdf += std::to_string(i + 1) + " 0 obj\n" + objs[i] + "\nendobj\n";
-    }
-    const size_t start = pdf.size();
-    return pdf + xref + "trailer\n<< /Size 6 /Root 1 0 R >>\nstartxref\n" + std::to_string(start) + "\n%%EOF\n";
-}
-
 // Waits (bounded) until the library says the job has left the queue.
 bool left_queue(const std::string &job) {
     for (int i = 0; i < 120; ++i) {
@@ -131,7 +110,7 @@ TEST(Driverless, ConfiguredQueueDeliversEveryJob) {
     EXPECT_NE(ppd.find("*NickName: \"ACME Eve 1, driverless"), std::string::npos) << ppd.substr(0, 400);
     EXPECT_TRUE(spool().empty());
 
-    qpt::write_file("/tmp/eve-doc.pdf", small_pdf());
+    qpt::write_file("/tmp/eve-doc.pdf", qpt::read_file(qpt::source_path("tests/net/lab/driverless.pdf")));
     qpt::write_file("/tmp/eve-doc.txt", "A line of text.\nAnother line.\n");
     const std::string jobs[] = {
         submit([] { return QORAPrinterCupsPrintFile(kId, "/tmp/eve-doc.pdf", "pdf", 0); }),

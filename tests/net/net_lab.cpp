@@ -15,7 +15,6 @@ void on_alarm(int) {}
 }  // namespace
 
 bool lab_up(const std::vector<std::string> &components) {
-    setenv("QP_BJNP_RESPONDER", qpt::bin_path("qp-bjnp-responder").c_str(), 1);
     std::vector<std::string> argv = {"/bin/bash", qpt::source_path("tests/net/netlab.sh"), "up"};
     argv.insert(argv.end(), components.begin(), components.end());
     const qpt::RunResult r = qpt::run(argv);

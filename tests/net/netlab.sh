@@ -33,7 +33,6 @@ set -eu
 HERE=$(cd "$(dirname "$0")" && pwd)
 LAB=/tmp/qp-net
 NS=qp-prn
-BJNP_RESPONDER=${QP_BJNP_RESPONDER:-}
 export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket
 
 if [ "${QP_SANDBOX:-}" != 1 ]; then
@@ -67,68 +66,29 @@ net_up() {
     wait_for 5 ping -c 1 -W 1 10.123.0.2
 }
 
-# snmpd agent: address, community, extra lines.
+# snmpd agent: address, then its configuration file (lab/snmpd-ADDRESS.conf by default).
 agent() {
-    local addr=$1 community=$2 conf=$LAB/snmpd-$1.conf
-    shift 2
-    {
-        echo "agentAddress udp:$addr:161"
-        echo "rocommunity $community default -V printer"
-        echo "view printer included .1.3.6.1.4.1.2699"
-        echo "view printer included .1.3.6.1.4.1.11"
-        cat
-    } > "$conf"
-    ip netns exec $NS /usr/sbin/snmpd -f -C -I -smux -Lf /dev/null -p $LAB/snmpd-$addr.pid \
-        -c "$conf" </dev/null >/dev/null 2>&1 &
+    ip netns exec $NS /usr/sbin/snmpd -f -C -I -smux -Lf /dev/null -p $LAB/snmpd-$1.pid \
+        -c "$HERE/lab/snmpd-common.conf,${2:-$HERE/lab/snmpd-$1.conf}" "udp:$1:161" </dev/null >/dev/null 2>&1 &
 }
 
 snmp_up() {
     mkdir -p /etc/snmp
     # snmpwalk finds "enterprises" only through a MIB; Debian ships none.
     printf 'mibdirs %s\nmibs SNMPv2-SMI\n' "$HERE/mibs" > /etc/snmp/snmp.conf
-    local pid=.1.3.6.1.4.1.2699.1.2.1.2.1.1.3.1
-    local uri=.1.3.6.1.4.1.2699.1.2.1.3.1.1.4.1.1
-    local other=.1.3.6.1.4.1.11.2.3.9.1.1
-    agent 10.123.0.2 tarvel <<EOF
-override $other.1.0 octet_str "network card 1"
-override $other.2.0 integer 7
-override $pid octet_str "MFG:ACME;CMD:PCL,PJL;MDL:X1;CLS:PRINTER;DES:ACME X1;"
-override .1.3.6.1.4.1.2699.1.2.1.2.1.1.4.1 octet_str "Office printer"
-override $uri octet_str "ipp://10.123.0.2/ipp/print"
-override .1.3.6.1.4.1.2699.1.2.1.3.1.1.4.1.2 octet_str "socket://10.123.0.2:9100"
-EOF
-    agent 10.123.0.3 tarvel <<EOF
-override $other.1.0 octet_str "no URI here"
-override $pid octet_str "MANUFACTURER:Bolt Office;MODEL:B-200;CMD:PS;"
-EOF
-    agent 10.123.0.4 tarvel <<EOF
-override $other.1.0 octet_str "a card"
-override $uri octet_str "LPR://10.123.0.4/queue1"
-EOF
-    # Odd values: hex bytes (a 1284 ID with a control byte), an embedded
-    # quote, a newline, an empty string, then the real ID; the URI is ipps.
-    agent 10.123.0.5 tarvel <<EOF
-override $other.1.0 octet_str 0x4D46473A01414D443B4D444C3A5A
-override $other.2.0 octet_str "say \"MFG:Q;MDL:Q\" twice"
-override $other.3.0 octet_str 0x4D46473A413B0A4D444C3A423B
-override $other.4.0 octet_str ""
-override $pid octet_str "MFG:Odd;MDL:Q9;"
-override $uri octet_str "ipps://10.123.0.5/ipp/print"
-EOF
+    local a
+    for a in 2 3 4 5 7; do agent 10.123.0.$a; done
     # 10,000 objects; the device ID is the third.
     {
-        echo "override $other.1.0 octet_str \"card\""
-        echo "override $other.2.0 integer 1"
-        echo "override $other.3.0 octet_str \"MFG:ACME;CMD:PCL;MDL:Big;CLS:PRINTER;\""
-        local i
-        for ((i = 1; i <= 9997; i++)); do
-            echo "override .1.3.6.1.4.1.2699.1.2.1.9.1.$i octet_str \"object number $i of the big agent\""
+        echo "rocommunity tarvel default -V printer"
+        echo "override .1.3.6.1.4.1.11.2.3.9.1.1.1.0 octet_str \"card\""
+        echo "override .1.3.6.1.4.1.11.2.3.9.1.1.2.0 integer 1"
+        echo "override .1.3.6.1.4.1.11.2.3.9.1.1.3.0 octet_str \"MFG:ACME;CMD:PCL;MDL:Big;CLS:PRINTER;\""
+        for ((a = 1; a <= 9997; a++)); do
+            echo "override .1.3.6.1.4.1.2699.1.2.1.9.1.$a octet_str \"object number $a of the big agent\""
         done
-    } | agent 10.123.0.6 tarvel
-    agent 10.123.0.7 s3cret <<EOF
-override $pid octet_str "MFG:Hidden;MDL:H1;"
-EOF
-    local a
+    } > $LAB/snmpd-big.conf
+    agent 10.123.0.6 $LAB/snmpd-big.conf
     for a in 2 3 4 5 6 7; do
         wait_for 10 sh -c "ip netns exec $NS ss -Hlun 'src 10.123.0.$a:161' | grep -q ." \
             || { log "snmpd on 10.123.0.$a did not come up"; return 1; }
@@ -136,8 +96,7 @@ EOF
 }
 
 bjnp_up() {
-    [ -n "$BJNP_RESPONDER" ] || { log "QP_BJNP_RESPONDER not set"; return 1; }
-    ip netns exec $NS "$BJNP_RESPONDER" 10.123.0.2 "MFG:ACME;CMD:BJL,NCCe;MDL:X1;CLS:PRINTER;DES:ACME X1;" \
+    ip netns exec $NS /usr/bin/python3 "$HERE/bjnp_responder.py" 10.123.0.2 "MFG:ACME;CMD:BJL,NCCe;MDL:X1;CLS:PRINTER;DES:ACME X1;" \
         </dev/null >$LAB/bjnp.log 2>&1 &
     echo $! > $LAB/bjnp.pid
     wait_for 5 sh -c "ip netns exec $NS ss -Hlun 'sport = :8611' | grep -q ."
@@ -148,20 +107,6 @@ bjnp_up() {
 # The daemon runs under another name so that the client's check for a
 # running "avahi-daemon" does not see it.
 avahi_up() {
-    cat > $LAB/avahi-prn.conf <<EOF
-[server]
-host-name=qp-prn
-use-ipv4=yes
-use-ipv6=no
-allow-interfaces=veth-p
-enable-dbus=yes
-ratelimit-interval-usec=0
-[publish]
-publish-workstation=no
-publish-hinfo=no
-[reflector]
-[rlimits]
-EOF
     ln -sf /usr/sbin/avahi-daemon $LAB/qp-prn-avahid
     cat > $LAB/avahi-prn.sh <<EOF
 set -e
@@ -169,7 +114,7 @@ mount -t tmpfs tmpfs /run
 mkdir -p /run/dbus /run/avahi-daemon $LAB
 dbus-daemon --system --fork
 for i in \$(seq 100); do [ -S /run/dbus/system_bus_socket ] && break; sleep 0.05; done
-$LAB/qp-prn-avahid -f $LAB/avahi-prn.conf --no-drop-root --no-chroot --no-rlimits -D
+$LAB/qp-prn-avahid -f $HERE/lab/avahi-printers.conf --no-drop-root --no-chroot --no-rlimits -D
 for i in \$(seq 100); do [ -S /run/avahi-daemon/socket ] && break; sleep 0.05; done
 cat /run/avahi-daemon/pid > $LAB/avahi-prn.pid || true
 pub() { setsid avahi-publish "\$@" </dev/null >/dev/null 2>&1 & }
@@ -241,18 +186,7 @@ avahi_client_up() {
         dbus-daemon --system --fork
         wait_for 5 test -S /run/dbus/system_bus_socket
     fi
-    cat > /etc/avahi/avahi-daemon.conf <<EOF
-[server]
-host-name=qp-client
-use-ipv4=yes
-use-ipv6=no
-allow-interfaces=veth-c
-enable-dbus=yes
-[publish]
-disable-publishing=yes
-[reflector]
-[rlimits]
-EOF
+    cp "$HERE/lab/avahi-client.conf" /etc/avahi/avahi-daemon.conf
     [ -e /usr/qora/sbin/avahi-browse ] || ln -s /usr/bin/avahi-browse /usr/qora/sbin/avahi-browse
 }
 

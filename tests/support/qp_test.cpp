@@ -2,13 +2,12 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <stdio.h>
 #include <spawn.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -43,24 +42,13 @@ struct RefuseToRunOutsideTheSandbox {
 
 // ---- files ------------------------------------------------------------------
 
-bool read_file(const std::string &path, std::string &out) {
-    out.clear();
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    char buf[65536];
-    for (;;) {
-        ssize_t n = read(fd, buf, sizeof buf);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        out.append(buf, static_cast<size_t>(n));
-    }
-    close(fd);
-    return true;
-}
-
 std::string read_file(const std::string &path) {
     std::string out;
-    read_file(path, out);
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    char buf[65536];
+    for (ssize_t n; fd >= 0 && ((n = read(fd, buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR));)
+        if (n > 0) out.append(buf, static_cast<size_t>(n));
+    if (fd >= 0) close(fd);
     return out;
 }
 
@@ -156,68 +144,46 @@ struct Argv {
 
 }  // namespace
 
+namespace {
+
+// An anonymous file holding the text, at its start.
+int memfile(std::string_view text) {
+    const int fd = memfd_create("qp-run", MFD_CLOEXEC);
+    if (fd >= 0 && (write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()) || lseek(fd, 0, SEEK_SET) != 0))
+        ADD_FAILURE() << "memfd: " << strerror(errno);
+    return fd;
+}
+
+std::string contents(int fd) {
+    std::string out;
+    char buf[65536];
+    for (ssize_t n; (n = pread(fd, buf, sizeof buf, static_cast<off_t>(out.size()))) > 0;)
+        out.append(buf, static_cast<size_t>(n));
+    close(fd);
+    return out;
+}
+
+}  // namespace
+
+// The child's streams are anonymous files, so the call returns when the
+// child exits, whatever it left running in the background.
 RunResult run(const std::vector<std::string> &argv, std::string_view input) {
     RunResult r;
-    if (argv.empty()) return r;
-    // stdin is a socket so a child that exits early cannot SIGPIPE us.
-    int in[2], out[2], err[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, in) != 0) return r;
-    if (pipe2(out, O_CLOEXEC) != 0) {
-        close(in[0]), close(in[1]);
-        return r;
-    }
-    if (pipe2(err, O_CLOEXEC) != 0) {
-        close(in[0]), close(in[1]), close(out[0]), close(out[1]);
-        return r;
-    }
+    const int in = memfile(input), out = memfile({}), err = memfile({});
     posix_spawn_file_actions_t fa;
     posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_adddup2(&fa, in[1], 0);
-    posix_spawn_file_actions_adddup2(&fa, out[1], 1);
-    posix_spawn_file_actions_adddup2(&fa, err[1], 2);
+    posix_spawn_file_actions_adddup2(&fa, in, 0);
+    posix_spawn_file_actions_adddup2(&fa, out, 1);
+    posix_spawn_file_actions_adddup2(&fa, err, 2);
     SpawnAttr attr(false);
     Argv args(argv);
     pid_t pid;
-    int rc = posix_spawn(&pid, args.v[0], &fa, &attr.attr, args.v.data(), environ);
+    const int rc = posix_spawn(&pid, args.v[0], &fa, &attr.attr, args.v.data(), environ);
     posix_spawn_file_actions_destroy(&fa);
-    close(in[1]), close(out[1]), close(err[1]);
-    if (rc != 0) {
-        close(in[0]), close(out[0]), close(err[0]);
-        r.err = std::string("posix_spawn: ") + strerror(rc);
-        return r;
-    }
-
-    size_t sent = 0;
-    if (input.empty()) shutdown(in[0], SHUT_WR);
-    struct pollfd fds[3] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}, {input.empty() ? -1 : in[0], POLLOUT, 0}};
-    std::string *sinks[2] = {&r.out, &r.err};
-    while (fds[0].fd >= 0 || fds[1].fd >= 0) {
-        if (poll(fds, 3, -1) < 0) {
-            if (errno == EINTR) continue;
-            break;
-        }
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || !fds[i].revents) continue;
-            char buf[65536];
-            ssize_t n = read(fds[i].fd, buf, sizeof buf);
-            if (n > 0) {
-                sinks[i]->append(buf, static_cast<size_t>(n));
-            } else if (n == 0 || errno != EINTR) {
-                close(fds[i].fd);
-                fds[i].fd = -1;
-            }
-        }
-        if (fds[2].fd >= 0 && fds[2].revents) {
-            ssize_t n = send(in[0], input.data() + sent, input.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
-            if (n > 0) sent += static_cast<size_t>(n);
-            if ((n < 0 && errno != EINTR && errno != EAGAIN) || sent == input.size()) {
-                shutdown(in[0], SHUT_WR);
-                fds[2].fd = -1;
-            }
-        }
-    }
-    close(in[0]);
-    r.status = wait_status(pid);
+    close(in);
+    if (rc == 0) r.status = wait_status(pid);
+    r.out = contents(out);
+    r.err = rc == 0 ? contents(err) : (close(err), std::string("posix_spawn: ") + strerror(rc));
     return r;
 }
 

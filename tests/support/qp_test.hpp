@@ -47,7 +47,6 @@ private:
 
 // ---- files ----------------------------------------------------------------------
 std::string read_file(const std::string &path);           // "" when missing
-bool read_file(const std::string &path, std::string &out);  // false when missing
 void write_file(const std::string &path, std::string_view content, mode_t mode = 0644);  // creates parents
 void mkdirs(const std::string &path, mode_t mode = 0755);
 bool exists(const std::string &path);

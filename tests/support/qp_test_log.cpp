@@ -1,13 +1,12 @@
 // LogCapture: reads the sandbox's syslog catcher file.
-#include <fcntl.h>
-#include <stdio.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdlib>
+#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -26,18 +25,8 @@ off_t file_size() {
 
 // The catcher file from byte `start` on.
 std::string read_from(off_t start) {
-    std::string out;
-    int fd = open(kSyslogFile, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return out;
-    char buf[65536];
-    for (off_t off = start;;) {
-        ssize_t n = pread(fd, buf, sizeof buf, off);
-        if (n <= 0) break;
-        out.append(buf, static_cast<size_t>(n));
-        off += n;
-    }
-    close(fd);
-    return out;
+    const std::string all = read_file(kSyslogFile);
+    return static_cast<size_t>(start) < all.size() ? all.substr(static_cast<size_t>(start)) : "";
 }
 
 // Sends a unique marker through syslog(3) and waits until the catcher has
@@ -46,24 +35,16 @@ void flush() {
     static std::atomic<unsigned> counter{0};
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
-    std::string marker = std::string(kMarker) + std::to_string(getpid()) + "-" +
-                         std::to_string(counter++) + "-" + std::to_string(ts.tv_nsec);
+    const std::string marker = std::string(kMarker) + std::to_string(getpid()) + "-" + std::to_string(counter++) +
+                               "-" + std::to_string(ts.tv_nsec);
     // The marker goes out at LOG_DEBUG even when a test narrowed the mask.
-    int mask = setlogmask(0);
-    if (!(mask & LOG_MASK(LOG_DEBUG))) setlogmask(mask | LOG_MASK(LOG_DEBUG));
-    off_t before = file_size();
+    const int mask = setlogmask(0);
+    setlogmask(mask | LOG_MASK(LOG_DEBUG));
+    const off_t before = file_size();
     syslog(LOG_DEBUG, "%s", marker.c_str());
-    if (!(mask & LOG_MASK(LOG_DEBUG))) setlogmask(mask);
-    bool seen = wait_until([&] { return read_from(before).find(marker) != std::string::npos; }, 5000);
-    if (!seen) ADD_FAILURE() << "syslog catcher did not deliver " << marker << " (not in the sandbox?)";
-}
-
-bool parse_line(std::string_view raw, LogLine &out) {
-    size_t sp = raw.find(' ');
-    if (sp == std::string_view::npos || sp == 0) return false;
-    out.severity = std::atoi(std::string(raw.substr(0, sp)).c_str());
-    out.text = std::string(raw.substr(sp + 1));
-    return true;
+    setlogmask(mask);
+    if (!wait_until([&] { return read_from(before).find(marker) != std::string::npos; }, 5000))
+        ADD_FAILURE() << "syslog catcher did not deliver " << marker << " (not in the sandbox?)";
 }
 
 }  // namespace
@@ -75,34 +56,25 @@ void LogCapture::reset() {
     start_ = file_size();
 }
 
+// Each line is "<severity> text".
 std::vector<LogLine> LogCapture::lines() {
     flush();
     std::vector<LogLine> result;
-    std::string text = read_from(start_);
-    size_t pos = 0;
-    while (pos < text.size()) {
-        size_t nl = text.find('\n', pos);
-        if (nl == std::string::npos) nl = text.size();
-        LogLine line;
-        if (parse_line(std::string_view(text).substr(pos, nl - pos), line) &&
-            line.text.compare(0, kMarker.size(), kMarker) != 0)
-            result.push_back(std::move(line));
-        pos = nl + 1;
+    std::istringstream in(read_from(start_));
+    for (std::string raw; std::getline(in, raw);) {
+        const size_t sp = raw.find(' ');
+        if (sp != std::string::npos && sp > 0 && raw.compare(sp + 1, kMarker.size(), kMarker) != 0)
+            result.push_back({atoi(raw.c_str()), raw.substr(sp + 1)});
     }
     return result;
 }
 
-size_t LogCapture::count(std::string_view text) {
-    size_t n = 0;
-    for (const LogLine &l : lines())
-        if (l.text.find(text) != std::string::npos) ++n;
-    return n;
-}
+size_t LogCapture::count(std::string_view text) { return count(-1, text); }
 
+// Severity -1: any.
 size_t LogCapture::count(int severity, std::string_view text) {
     size_t n = 0;
-    for (const LogLine &l : lines())
-        if (l.severity == severity && l.text.find(text) != std::string::npos) ++n;
+    for (const LogLine &l : lines()) n += (severity < 0 || l.severity == severity) && l.text.find(text) != std::string::npos;
     return n;
 }
 

@@ -22,7 +22,6 @@
 //                 that descriptor then fail with ENODEV
 //   len=N         the 16-bit length sent before the device ID (-1: the real
 //                 length, the text's size plus 2)
-//   idhex=HEX     the device ID as hex bytes
 //   id=TEXT       the device ID: the rest of the line, blanks included
 //
 // Regular files get the kernel's restricted ioctls: the size comes from the
@@ -114,19 +113,6 @@ void reply_entry(fuse_req_t req, fuse_ino_t ino) {
     fuse_reply_entry(req, &e);
 }
 
-bool parse_hex(const std::string &hex, std::string &out) {
-    if (hex.size() % 2 != 0) return false;
-    out.clear();
-    for (size_t i = 0; i < hex.size(); i += 2) {
-        char byte[3] = {hex[i], hex[i + 1], 0};
-        char *end = nullptr;
-        long v = strtol(byte, &end, 16);
-        if (*end != '\0') return false;
-        out.push_back(static_cast<char>(v));
-    }
-    return true;
-}
-
 // One control line; false when it makes no sense.
 bool apply_control(const std::string &line) {
     if (line.empty()) return true;
@@ -157,11 +143,7 @@ bool apply_control(const std::string &line) {
         else if (key == "idfail") n.idfail = atoi(value.c_str());
         else if (key == "vanish") n.vanish = value != "0";
         else if (key == "len") n.len = atol(value.c_str());
-        else if (key == "idhex") {
-            if (!parse_hex(value, n.id)) return false;
-        } else {
-            return false;
-        }
+        else return false;
     }
     return true;
 }
@@ -237,18 +219,6 @@ void op_flush(fuse_req_t req, fuse_ino_t ino, struct fuse_file_info *) {
 }
 
 void op_release(fuse_req_t req, fuse_ino_t, struct fuse_file_info *) { fuse_reply_err(req, 0); }
-
-void op_read(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off, struct fuse_file_info *) {
-    if (ino != kControl) return (void)fuse_reply_buf(req, nullptr, 0);
-    std::string s;
-    for (int i = 0; i < kNodes; ++i) {
-        const Node &n = g_nodes[i];
-        s += node_name(i) + " present=" + std::to_string(n.present) + " busy=" + std::to_string(n.busy) +
-             " idfail=" + std::to_string(n.idfail) + " len=" + std::to_string(n.len) + "\n";
-    }
-    if (static_cast<size_t>(off) >= s.size()) return (void)fuse_reply_buf(req, nullptr, 0);
-    fuse_reply_buf(req, s.data() + off, std::min(size, s.size() - static_cast<size_t>(off)));
-}
 
 void op_write(fuse_req_t req, fuse_ino_t ino, const char *buf, size_t size, off_t, struct fuse_file_info *) {
     if (ino != kControl) return (void)fuse_reply_err(req, EINVAL);
@@ -345,7 +315,6 @@ int main(int argc, char **argv) {
     ops.open = op_open;
     ops.flush = op_flush;
     ops.release = op_release;
-    ops.read = op_read;
     ops.write = op_write;
     ops.ioctl = op_ioctl;
 

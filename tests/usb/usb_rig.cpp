@@ -90,11 +90,8 @@ void add_device(const Device &d) {
     qpt::write_file(iface + "/bInterfaceClass", d.iface_class + "\n");
 }
 
-void remove_device(const std::string &busid) { std::filesystem::remove_all(std::string(kSysfs) + "/" + busid); }
-
 void install_bind_driver() {
-    std::filesystem::copy_file(qpt::bin_path("qp-fake-bind-driver"), "/usr/bin/bind_driver",
-                               std::filesystem::copy_options::overwrite_existing);
+    qpt::write_file("/usr/bin/bind_driver", qpt::read_file(qpt::source_path("tests/usb/fake_bind_driver.sh")), 0755);
     qpt::remove_file("/tmp/bind_driver.log");
     qpt::remove_file("/tmp/bind_driver.status");
 }

@@ -35,7 +35,6 @@ struct Device {
     std::string iface_class = "07";  // bInterfaceClass of <busid>:1.0
 };
 void add_device(const Device &d);
-void remove_device(const std::string &busid);
 
 // Installs the recording stand-in at /usr/bin/bind_driver.
 void install_bind_driver();
