@@ -10,6 +10,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <limits>
+
 namespace qc {
 
 Fd &Fd::operator=(Fd &&o) noexcept {
@@ -125,28 +127,8 @@ int copy_out(std::string_view s, char *buf, int cb) {
 }
 
 int read_whole_fd(int fd, std::string &out) {
-    // Sized from fstat, a regular file comes in with one read (and one more
-    // that sees its end); files that report no size (/proc) or grow while
-    // being read make the buffer grow.
-    struct stat st {};
-    size_t cap = 4096;
-    if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0) cap = static_cast<size_t>(st.st_size) + 1;
-    out.resize(cap);
-    size_t got = 0;
-    for (;;) {
-        if (got == out.size()) out.resize(out.size() * 2);
-        ssize_t n = ::read(fd, out.data() + got, out.size() - got);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            int err = errno ? errno : EIO;
-            out.clear();
-            return err;
-        }
-        if (n == 0) break;
-        got += static_cast<size_t>(n);
-    }
-    out.resize(got);
-    return 0;
+    // Files of root's own directories are read whole: no bound but memory.
+    return qp::safefile::read_bounded(fd, out, std::numeric_limits<size_t>::max() / 2);
 }
 
 int read_whole(const char *path, std::string &out) {

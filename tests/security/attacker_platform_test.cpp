@@ -25,43 +25,22 @@
 #include "qoracore.h"
 #include "qorasdk.h"
 #include "qorausb.h"
+#include "attacker.hpp"
 #include "qp_test.hpp"
 
 namespace {
 
+using qpatk::drop_to_nobody;
+using qpatk::in_child;
+using qpatk::kBoundSeconds;
+using qpatk::kNobody;
+
 using Step = std::function<bool()>;
 
-constexpr uid_t kNobody = 65534;
-constexpr int kBoundSeconds = 10;
 const std::string kTarget = "/etc/qp-platform-target";  // a root file a link points at
 const char *kUsbtab = "/tmp/usbtab";
 const char *kConf = "/usr/qora/etc/printer.conf";
 std::vector<pid_t> g_holders;  // planted processes, killed after each row
-
-void drop_to_nobody() {
-    if (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0) _exit(2);
-}
-
-// Runs f in a child (as 65534 when `nobody`) within kBoundSeconds: 0 when f
-// returned true, 1 when false, -1 when it had to be killed.
-int in_child(const Step &f, bool nobody) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        if (nobody) drop_to_nobody();
-        _exit(f() ? 0 : 1);
-    }
-    const time_t end = time(nullptr) + kBoundSeconds;
-    int status = 0;
-    while (waitpid(pid, &status, WNOHANG) == 0) {
-        if (time(nullptr) >= end) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
-            return -1;
-        }
-        usleep(20000);
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
-}
 
 // Starts a process of 65534 that keeps running for the row; `setup` runs in
 // it first (false: the process gives up).  True once it reported back.

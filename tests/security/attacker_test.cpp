@@ -24,43 +24,25 @@
 
 #include "cupsd_fixture.hpp"
 #include "qoraprinter.h"
+#include "attacker.hpp"
 #include "qp_test.hpp"
 #include "usb_rig.hpp"
 
 namespace {
 
+using qpatk::drop_to_nobody;
+using qpatk::in_child;
+using qpatk::kBoundSeconds;
+using qpatk::kNobody;
+
 using Step = std::function<bool()>;
 
-constexpr uid_t kNobody = 65534;
-constexpr int kBoundSeconds = 10;
 const std::string kTarget = "/etc/qp-target";  // a root file a link points at
 const std::string kSecret = "/etc/qp-secret";  // a root-only file
 const std::string kQueue127(127, 'q');
 const char *kConf = "/usr/qora/etc/printer.conf";
 
 qpcups::Cupsd *g_cupsd = nullptr;
-
-// Runs f in a child; as uid/gid 65534 when `nobody`, within kBoundSeconds.
-// 0 when f returned true, 1 when false, -1 when it had to be killed.
-int in_child(const Step &f, bool nobody) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        if (nobody && (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0)) _exit(2);
-        if (chdir("/tmp") != 0) _exit(2);
-        _exit(f() ? 0 : 1);
-    }
-    const time_t end = time(nullptr) + kBoundSeconds;
-    int status = 0;
-    while (waitpid(pid, &status, WNOHANG) == 0) {
-        if (time(nullptr) >= end) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
-            return -1;
-        }
-        usleep(20000);
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
-}
 
 // A path as it stands: content, link target, FIFO or absent.
 std::string state(const std::string &path) {
