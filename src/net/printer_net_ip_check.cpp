@@ -18,18 +18,17 @@ struct IpVisit {
     bool operator()(const char *line) const { return strstr(line, pattern) != nullptr; }
 };
 
+// 0 when a line held the address, 1 after a whole listing without it, -1
+// when no listing was read whole.
+int answer(qp::Listing listing) {
+    if (listing == qp::Listing::kFailed) return -1;
+    return listing == qp::Listing::kStopped ? 0 : 1;
+}
+
 }  // namespace
 
 int qp::net::lpstat_ip_scan(FILE *pPipe, const char *szIpPattern) {
-    switch (qp::read_listing(pPipe, IpVisit{szIpPattern})) {
-        case qp::Listing::kStopped:
-            return 0;
-        case qp::Listing::kComplete:
-            return 1;
-        case qp::Listing::kFailed:
-            break;
-    }
-    return -1;
+    return answer(qp::read_listing(pPipe, IpVisit{szIpPattern}));
 }
 
 QP_EXPORT int QORAPrinterNetIPCheck(const char *szIP) {
@@ -50,15 +49,8 @@ QP_EXPORT int QORAPrinterNetIPCheck(const char *szIP) {
         char szPattern[32];
         snprintf(szPattern, sizeof szPattern, "/%s/", szIP);
 
-        switch (qp::list_queues(IpVisit{szPattern})) {
-            case qp::Listing::kStopped:
-                return 0;
-            case qp::Listing::kComplete:
-                return 1;
-            case qp::Listing::kFailed:
-                break;
-        }
-        QP_SET_ERR(ERR_EXTERNAL_FAILED);
-        return -1;
+        const int found = answer(qp::list_queues(IpVisit{szPattern}));
+        if (found < 0) QP_SET_ERR(ERR_EXTERNAL_FAILED);
+        return found;
     });
 }
