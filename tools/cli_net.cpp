@@ -74,7 +74,7 @@ int net_configure(const Args &args) {
     std::string name, backend, qname, brand, model, stringId, driver, driverBrand, ppd, how = "snmp";
     qpcli::take_option(a, "--name", name);
     const bool given = qpcli::take_option(a, "--backend", backend);
-    const bool qnameGiven = qpcli::take_option(a, "--qname", qname);
+    const bool qname_given = qpcli::take_option(a, "--qname", qname);
     qpcli::take_option(a, "--brand", brand);
     qpcli::take_option(a, "--model", model);
     qpcli::take_option(a, "--string-id", stringId);
@@ -105,7 +105,7 @@ int net_configure(const Args &args) {
         PrinterNetInfo info;
         if (identify_by(how, ip, info) < 0) return qpcli::fail("net configure: identification");
         backend = info.szBackend;
-        if (!qnameGiven) qname = info.szQName;
+        if (!qname_given) qname = info.szQName;
         if (brand.empty()) brand = info.szVendor;
         if (model.empty()) model = info.szModel;
         if (stringId.empty()) stringId = info.szStringId;

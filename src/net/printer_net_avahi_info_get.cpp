@@ -65,10 +65,10 @@ namespace qp::net {
 
 int avahi_txt_read(const char *szDesc, PrinterNetInfo *pNPInfo) {
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szDesc) && QP_ARG(NULL != pNPInfo));
-    char szCmd[kLineSize] = "";
+    char cmd[kLineSize] = "";
     txt_value(szDesc, "usb_MDL=", pNPInfo->szModel, sizeof pNPInfo->szModel);
     txt_value(szDesc, "usb_MFG=", pNPInfo->szVendor, sizeof pNPInfo->szVendor);
-    txt_value(szDesc, "usb_CMD=", szCmd, sizeof szCmd);
+    txt_value(szDesc, "usb_CMD=", cmd, sizeof cmd);
 
     // A device ID string the caller already holds is kept.
     if (pNPInfo->szStringId[0] != '\0') return 0;
@@ -83,16 +83,16 @@ int avahi_txt_read(const char *szDesc, PrinterNetInfo *pNPInfo) {
     const size_t size = sizeof pNPInfo->szStringId;
     id[0] = '\0';
     const char *const pieces[] = {
-        "MFG:", pNPInfo->szVendor, ";CMD:", szCmd, ";MDL:", pNPInfo->szModel, ";CLS:PRINTER;DES:", pNPInfo->szVendor,
+        "MFG:", pNPInfo->szVendor, ";CMD:", cmd, ";MDL:", pNPInfo->szModel, ";CLS:PRINTER;DES:", pNPInfo->szVendor,
         " ",    pNPInfo->szModel,  ";"};
     for (const char *piece : pieces) append_cut(id, size, piece);
     return 0;
 }
 
-int avahi_read(FILE *browse, const char *szPattern, PQLIBSZLIST *ppList, AvahiSlots *slots) {
+int avahi_read(FILE *browse, const char *pattern, PQLIBSZLIST *ppList, AvahiSlots *slots) {
     int result = 0;
     const Lines got = each_line(browse, [&](char *line) {
-        if (!strstr(line, szPattern)) return false;
+        if (!strstr(line, pattern)) return false;
         // The list keeps the pieces of every line of the address; this
         // line's are the ones appended now.
         const int before = *ppList ? (*ppList)->nItem : 0;
@@ -105,10 +105,10 @@ int avahi_read(FILE *browse, const char *szPattern, PQLIBSZLIST *ppList, AvahiSl
         if (after - before < 2) return false;
         // The port is the field before the last; a ';' inside the TXT data
         // shifts both, and such a line is then as a rule ignored.
-        const char *szPort = (*ppList)->pszItem[after - 2];
-        const char *szTxt = (*ppList)->pszItem[after - 1];
-        const int slot = port_slot(szPort);
-        if (slot >= 0) snprintf(slots->txt[slot], sizeof slots->txt[slot], "%s", szTxt);
+        const char *port = (*ppList)->pszItem[after - 2];
+        const char *txt = (*ppList)->pszItem[after - 1];
+        const int slot = port_slot(port);
+        if (slot >= 0) snprintf(slots->txt[slot], sizeof slots->txt[slot], "%s", txt);
         return false;
     });
     return got == Lines::kInterrupted ? -1 : result;
@@ -131,8 +131,8 @@ QP_EXPORT int QORAPrinterNetAvahiInfoGet(const char *szIP, PrinterNetInfo *pNPIn
             return -1;
         }
 
-        char szPattern[qp::net::kLineSize];
-        snprintf(szPattern, sizeof szPattern, ";%s;", szIP);
+        char pattern[qp::net::kLineSize];
+        snprintf(pattern, sizeof pattern, ";%s;", szIP);
 
         qp::Pipe browse(QLIBCPopen(qp::tool::kAvahiBrowse, "r", "-arpt", static_cast<char *>(nullptr)));
         if (!browse) {
@@ -141,10 +141,10 @@ QP_EXPORT int QORAPrinterNetAvahiInfoGet(const char *szIP, PrinterNetInfo *pNPIn
             return -1;
         }
 
-        const int savedErrno = errno;
+        const int saved_errno = errno;
         errno = 0;
         qp::net::AvahiSlots slots = {};
-        int result = qp::net::avahi_read(browse.get(), szPattern, pieces.addr(), &slots);
+        int result = qp::net::avahi_read(browse.get(), pattern, pieces.addr(), &slots);
         if (result == 0) {
             result = 1;
             for (int i = 0; i < 4; ++i) {
@@ -162,7 +162,7 @@ QP_EXPORT int QORAPrinterNetAvahiInfoGet(const char *szIP, PrinterNetInfo *pNPIn
             }
         }
         browse.close();
-        errno = savedErrno;
+        errno = saved_errno;
         return result;
     });
 }

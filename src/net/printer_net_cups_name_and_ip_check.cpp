@@ -62,11 +62,11 @@ QP_EXPORT int QORAPrinterNetCupsNameAndIPCheck(const char *szIP, const char *szC
         }
         if (printers == 0) return 0;
 
-        char szPattern[32];
-        snprintf(szPattern, sizeof szPattern, "/%s/", szIP);
+        char pattern[32];
+        snprintf(pattern, sizeof pattern, "/%s/", szIP);
 
         int found = 0;
-        if (qp::list_queues(NameIpVisit{szCupsPrinterName, szPattern, found}) == qp::Listing::kFailed) {
+        if (qp::list_queues(NameIpVisit{szCupsPrinterName, pattern, found}) == qp::Listing::kFailed) {
             QP_SET_ERR(ERR_EXTERNAL_FAILED);
             return -1;
         }

@@ -72,17 +72,17 @@ int uri_split(char *szUri, char *szBackend, int iBackendSize, char *szQName, int
     // The scheme is the text before the first colon; a URI without a colon
     // has no remainder, and the tokeniser refuses the absent text, which
     // fails the query with the tokeniser's own error.
-    const char *szRemainder = nullptr;
+    const char *remainder = nullptr;
     if (char *colon = strchr(szUri, ':')) {
         *colon = '\0';
-        szRemainder = colon + 1;
+        remainder = colon + 1;
     }
-    const char *szScheme = szUri;
-    if (strcasecmp(szScheme, "LPR") == 0) {
+    const char *scheme = szUri;
+    if (strcasecmp(scheme, "LPR") == 0) {
         if (iBackendSize > 0) snprintf(szBackend, static_cast<size_t>(iBackendSize), "%s", "lpd");
-    } else if (strcasecmp(szScheme, "lpd") == 0 || strcasecmp(szScheme, "ipp") == 0 ||
-               strcasecmp(szScheme, "socket") == 0 || strcasecmp(szScheme, "bjnp") == 0) {
-        if (iBackendSize > 0) QLIBCStrCaseLower(szScheme, 0, szBackend, iBackendSize);
+    } else if (strcasecmp(scheme, "lpd") == 0 || strcasecmp(scheme, "ipp") == 0 ||
+               strcasecmp(scheme, "socket") == 0 || strcasecmp(scheme, "bjnp") == 0) {
+        if (iBackendSize > 0) QLIBCStrCaseLower(scheme, 0, szBackend, iBackendSize);
     } else {
         QP_LOG_ERR("Fetch network printer protocol and queue name error." QP_LOWER_FMT, QP_LOWER_ARGS);
         return -1;
@@ -95,7 +95,7 @@ int uri_split(char *szUri, char *szBackend, int iBackendSize, char *szQName, int
         QP_LOG_ERR("Fetch network printer protocol and queue name error." QP_LOWER_FMT, QP_LOWER_ARGS);
         return -1;
     }
-    if (QLIBCStrTok(szRemainder, "/", pieces.addr()) < 0) {
+    if (QLIBCStrTok(remainder, "/", pieces.addr()) < 0) {
         QP_LOG_ERR("Failed to QLIBCStrTok" QP_LOWER_FMT, QP_LOWER_ARGS);
         QP_LOG_ERR("Fetch network printer protocol and queue name error." QP_LOWER_FMT, QP_LOWER_ARGS);
         return -1;
@@ -125,19 +125,19 @@ QP_EXPORT int QORAPrinterNetGetStringBackend(const char *szIP, char *szBackend, 
             errno = 0;
             return -1;
         }
-        const int savedErrno = errno;
+        const int saved_errno = errno;
         errno = 0;
 
-        char szUri[qp::net::kLineSize] = {};
-        const int found = qp::net::uri_read(walk.get(), szUri, sizeof szUri);
+        char uri[qp::net::kLineSize] = {};
+        const int found = qp::net::uri_read(walk.get(), uri, sizeof uri);
         walk.close();
         if (found != 0) {
-            errno = savedErrno;
+            errno = saved_errno;
             return found;
         }
 
-        const int split = qp::net::uri_split(szUri, szBackend, iBackendSize, szQName, iQNameSize);
-        errno = savedErrno;
+        const int split = qp::net::uri_split(uri, szBackend, iBackendSize, szQName, iQNameSize);
+        errno = saved_errno;
         return split;
     });
 }

@@ -63,7 +63,7 @@ int string_id_read(FILE *walk, char *szOutBuf, int iOutSize) {
 }  // namespace qp::net
 
 QP_EXPORT int QORAPrinterNetGetStringId(const char *szIP, char *szOutBuf, int iOutSize) {
-    const int savedErrno = errno;
+    const int saved_errno = errno;
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP) && QP_ARG(((void *)0) != szOutBuf) && QP_ARG(0 < iOutSize) &&
                           QP_ARG(qp::address_ok(szIP)));
     return QP_GUARD(-1, {
@@ -72,12 +72,12 @@ QP_EXPORT int QORAPrinterNetGetStringId(const char *szIP, char *szOutBuf, int iO
                                  static_cast<char *>(nullptr)));
         if (!walk) {
             QP_LOG_ERR("open failed. " QP_LOWER_FMT, QP_LOWER_ARGS);
-            errno = savedErrno;
+            errno = saved_errno;
             return -1;
         }
         const int result = qp::net::string_id_read(walk.get(), szOutBuf, iOutSize);
         walk.close();
-        errno = savedErrno;
+        errno = saved_errno;
         return result;
     });
 }

@@ -18,13 +18,13 @@ QP_EXPORT int QORAPrinterNetInfoGetByIP(const char *szIP, PrinterNetInfo *pNPInf
             return -1;
         }
 
-        const int stringId = QORAPrinterNetGetStringId(szIP, pNPInfo->szStringId, sizeof pNPInfo->szStringId);
-        if (stringId < 0) {
+        const int string_id = QORAPrinterNetGetStringId(szIP, pNPInfo->szStringId, sizeof pNPInfo->szStringId);
+        if (string_id < 0) {
             QP_LOG_ERR("Failed to get network printer string ID." QP_LOWER_FMT, QP_LOWER_ARGS);
             return -1;
         }
 
-        if (stringId == 0) {
+        if (string_id == 0) {
             if (QORAPrinterConfStringIdGetVendor(pNPInfo->szStringId, pNPInfo->szVendor, sizeof pNPInfo->szVendor) <
                 0) {
                 QP_LOG_ERR("Failed to get network printer brand from string ID." QP_LOWER_FMT, QP_LOWER_ARGS);
@@ -35,6 +35,6 @@ QP_EXPORT int QORAPrinterNetInfoGetByIP(const char *szIP, PrinterNetInfo *pNPInf
                 return -1;
             }
         }
-        return (backend == 1 || stringId == 1) ? 1 : 0;
+        return (backend == 1 || string_id == 1) ? 1 : 0;
     });
 }

@@ -46,10 +46,10 @@ QP_EXPORT int QORAPrinterNetIPCheck(const char *szIP) {
         if (printers == 0) return 1;
 
         // Cut to the buffer: a longer "address" cannot be a queue's host anyway.
-        char szPattern[32];
-        snprintf(szPattern, sizeof szPattern, "/%s/", szIP);
+        char pattern[32];
+        snprintf(pattern, sizeof pattern, "/%s/", szIP);
 
-        const int found = answer(qp::list_queues(IpVisit{szPattern}));
+        const int found = answer(qp::list_queues(IpVisit{pattern}));
         if (found < 0) QP_SET_ERR(ERR_EXTERNAL_FAILED);
         return found;
     });

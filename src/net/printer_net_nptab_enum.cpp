@@ -35,17 +35,17 @@ bool push_entry(const char *line, PQLIBSZLIST *ppList) {
     }
     const char *key = pieces.at(0);
     const char *value = pieces.at(2);
-    const size_t cbKey = strlen(key), cbValue = strlen(value);
-    if (cbKey + cbValue + 2 > kLineSize) {
+    const size_t key_len = strlen(key), value_len = strlen(value);
+    if (key_len + value_len + 2 > kLineSize) {
         QP_SET_ERR(ERR_NAME_TOO_LONG);
         return false;
     }
     // "%s-%s", assembled by hand now that it is known to fit.
     char id[kLineSize];
-    memcpy(id, key, cbKey);
-    id[cbKey] = '-';
-    memcpy(id + cbKey + 1, value, cbValue);
-    id[cbKey + 1 + cbValue] = '\0';
+    memcpy(id, key, key_len);
+    id[key_len] = '-';
+    memcpy(id + key_len + 1, value, value_len);
+    id[key_len + 1 + value_len] = '\0';
     QLIBCSzListPush(ppList, id);
     return true;
 }

@@ -59,11 +59,11 @@ QP_EXPORT int QORAPrinterNetPingStatus(const char *szIP, char *szStatus, int cbS
             errno = 0;
             return -1;
         }
-        const int savedErrno = errno;
+        const int saved_errno = errno;
         errno = 0;
         const int result = qp::net::ping_read(ping.get(), szStatus, cbStatus);
         ping.close();
-        errno = savedErrno;
+        errno = saved_errno;
         return result;
     });
 }

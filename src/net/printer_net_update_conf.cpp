@@ -32,8 +32,8 @@ int remove_entry(const char *ip, const char *queue) {
         return -1;
     }
     if (QLIBCFileGetPair(qp::path::kNptab, pairs.addr()) < 1) return 0;
-    int nKeys = QLIBCSzHashEnumKey(pairs.get(), keys.addr());
-    if (nKeys < 0) return -1;
+    int key_count = QLIBCSzHashEnumKey(pairs.get(), keys.addr());
+    if (key_count < 0) return -1;
     for (int i = 0; i < keys.size(); ++i) {
         const char *key = keys.at(i);
         if (key == nullptr || strcmp(key, ip) != 0) continue;

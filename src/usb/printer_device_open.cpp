@@ -33,14 +33,14 @@ QP_EXPORT int QORAPrinterDevOpen(const char *szDevName, int iRetry) {
             return -1;
         }
 
-        char szPath[256];
+        char path[256];
         if (strncmp(szDevName, "/dev/", 5) == 0)
-            snprintf(szPath, sizeof(szPath), "%s", szDevName);
+            snprintf(path, sizeof(path), "%s", szDevName);
         else
-            snprintf(szPath, sizeof(szPath), "/dev/usb/%s", szDevName);
+            snprintf(path, sizeof(path), "/dev/usb/%s", szDevName);
 
         for (int tries = 0;; ++tries) {
-            int fd = open(szPath, O_RDONLY | O_CLOEXEC);
+            int fd = open(path, O_RDONLY | O_CLOEXEC);
             if (fd >= 0) return fd;
             if (errno != EBUSY) return -1;
             if (tries >= iRetry) {

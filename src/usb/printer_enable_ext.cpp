@@ -70,11 +70,11 @@ int UsbtabEdit(int iAction, const char *szDevName, const char *szBusId) {
     } else if (szBusId == nullptr) {
         text = qp::tmpfile::remove_key(old, szDevName);
     } else {
-        const size_t cbBus = strlen(szBusId);
+        const size_t bus_len = strlen(szBusId);
         text = old;
         for (const qp::tmpfile::Entry &e : qp::tmpfile::entries(old)) {
             if (e.key.compare(0, 2, "lp") != 0) continue;
-            if (e.value.size() < cbBus || strncasecmp(e.value.data(), szBusId, cbBus) != 0) continue;
+            if (e.value.size() < bus_len || strncasecmp(e.value.data(), szBusId, bus_len) != 0) continue;
             text = qp::tmpfile::remove_key(text, e.key);
             if (removed.empty()) removed = e.key;
         }
@@ -131,13 +131,13 @@ int UsbPrinterConfSetup(const char *szDevName) {
 
     // The bus ID is no part of the ID, so the printer keeps its section when
     // it moves to another port.
-    char szPrinterId[kIdCut + 1];
+    char printer_id[kIdCut + 1];
     if (info.szPrinterId[0] != '\0') {
-        set_field(szPrinterId, info.szPrinterId, kIdCut);
+        set_field(printer_id, info.szPrinterId, kIdCut);
     } else if (info.ulVendorId != 0 && info.ulProductId != 0 && info.szSerial[0] != '\0') {
         char composed[2 * 16 + 2 + sizeof(info.szSerial) + 1];
         snprintf(composed, sizeof(composed), "%04lx:%04lx:%s", info.ulVendorId, info.ulProductId, info.szSerial);
-        set_field(szPrinterId, composed, kIdCut);
+        set_field(printer_id, composed, kIdCut);
     } else {
         QP_LOG_ERR("wrong printer id format! errno=0x[%X]", QLIBCErrGet());
         return -1;
@@ -148,7 +148,7 @@ int UsbPrinterConfSetup(const char *szDevName) {
         QP_SET_ERR(ERR_OUT_OF_MEMORY);
         return -1;
     }
-    QLIBCFileGetSection(qp::path::kPrinterConf, szPrinterId, stored.addr());
+    QLIBCFileGetSection(qp::path::kPrinterConf, printer_id, stored.addr());
 
     qp::MallocPtr<PrinterConf> conf(static_cast<PrinterConf *>(calloc(1, sizeof(PrinterConf))));
     qp::MallocPtr<char> stringId(static_cast<char *>(calloc(1, kStringIdSize)));
@@ -157,7 +157,7 @@ int UsbPrinterConfSetup(const char *szDevName) {
         return -1;
     }
     PrinterConf &c = *conf.get();
-    set_field(c.szPrinterId, szPrinterId, kIdCut);
+    set_field(c.szPrinterId, printer_id, kIdCut);
 
     // Only whether a string came back matters: a cut one is still used.
     char *sid = stringId.get();
@@ -182,7 +182,7 @@ int UsbPrinterConfSetup(const char *szDevName) {
     if (mode == nullptr || mode[0] == '\0' || strcasecmp(mode, "lpr") == 0) set_field(c.szMode, "usbip", kIdCut);
 
     if (QORAPrinterConfSetup(&c, 0) < 0) {
-        QP_LOG_ERR("setup printer.conf fail! (printerid: %s)," QP_LOWER_FMT, szPrinterId, QP_LOWER_ARGS);
+        QP_LOG_ERR("setup printer.conf fail! (printerid: %s)," QP_LOWER_FMT, printer_id, QP_LOWER_ARGS);
         return -1;
     }
     return 0;

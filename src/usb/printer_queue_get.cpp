@@ -24,7 +24,7 @@ QP_EXPORT int QORAPrinterQueueGet(const char *szPrinterId, char *szBuf, int cbBu
                           QP_ARG(qp::name_ok(szPrinterId, qp::kIdMax)));
 
     return QP_GUARD(-1, {
-        char szQueue[4096];
+        char queue[4096];
         const std::string name = std::string("usbip_") + szPrinterId;
         std::string text;
         std::string_view value;
@@ -34,25 +34,25 @@ QP_EXPORT int QORAPrinterQueueGet(const char *szPrinterId, char *szBuf, int cbBu
             QP_LOG_ERR("get queue failed, printer=%s", szPrinterId);
             return -1;
         }
-        snprintf(szQueue, sizeof szQueue, "%.*s", static_cast<int>(value.size()), value.data());
+        snprintf(queue, sizeof queue, "%.*s", static_cast<int>(value.size()), value.data());
 
         const size_t cb = static_cast<size_t>(cbBuf);
-        const char *open = strchr(szQueue, '(');
+        const char *open = strchr(queue, '(');
         if (open == nullptr) {
-            snprintf(szBuf, cb, "%s", szQueue);
+            snprintf(szBuf, cb, "%s", queue);
             return 0;
         }
-        const char *close = strchr(szQueue, ')');
+        const char *close = strchr(queue, ')');
         if (close != nullptr) {
             size_t n = close > open ? static_cast<size_t>(close - open) : strlen(open);
             if (n > 7) n = 7;
-            char szFragment[8];
-            memcpy(szFragment, open, n);
-            szFragment[n] = '\0';
-            if (QLIBCStrReplace(szQueue, szFragment, "(CUPS Jobs", szBuf, cbBuf) > 0) return 0;
+            char fragment[8];
+            memcpy(fragment, open, n);
+            fragment[n] = '\0';
+            if (QLIBCStrReplace(queue, fragment, "(CUPS Jobs", szBuf, cbBuf) > 0) return 0;
         }
         QP_LOG_ERR("cannot refine printer queue name");
-        snprintf(szBuf, cb, "%s", szQueue);
+        snprintf(szBuf, cb, "%s", queue);
         return 0;
     });
 }

@@ -17,16 +17,16 @@ constexpr unsigned int kPrinterTypes = 12;  // uni- and bidirectional printers
 QP_EXPORT int QORAPrinterUsbtabEnum(char ***ppDevNames, int *piCount) {
     QP_CHECK_QUIET(-1, ppDevNames != nullptr && piCount != nullptr);
     return QP_GUARD(-1, {
-        int cbNeeded = 0;
-        if (QORAUSBDevEnum(kPrinterTypes, nullptr, 0, &cbNeeded) >= 0) {
+        int size = 0;
+        if (QORAUSBDevEnum(kPrinterTypes, nullptr, 0, &size) >= 0) {
             free(*ppDevNames);
-            if (cbNeeded < static_cast<int>(sizeof(char *))) cbNeeded = static_cast<int>(sizeof(char *));
-            *ppDevNames = static_cast<char **>(calloc(1, static_cast<size_t>(cbNeeded)));
+            if (size < static_cast<int>(sizeof(char *))) size = static_cast<int>(sizeof(char *));
+            *ppDevNames = static_cast<char **>(calloc(1, static_cast<size_t>(size)));
             if (*ppDevNames == nullptr) {
                 QP_SET_ERR(ERR_OUT_OF_MEMORY);
             } else {
-                int iNeeded = 0;
-                *piCount = QORAUSBDevEnum(kPrinterTypes, *ppDevNames, cbNeeded, &iNeeded);
+                int needed = 0;
+                *piCount = QORAUSBDevEnum(kPrinterTypes, *ppDevNames, size, &needed);
                 if (*piCount >= 0) return 0;
                 QP_LOG_ERR("Failed to enum USB device from usbtab.");
             }
