@@ -80,8 +80,8 @@ int uri_split(char *szUri, char *szBackend, int iBackendSize, char *szQName, int
     const char *scheme = szUri;
     if (strcasecmp(scheme, "LPR") == 0) {
         if (iBackendSize > 0) snprintf(szBackend, static_cast<size_t>(iBackendSize), "%s", "lpd");
-    } else if (strcasecmp(scheme, "lpd") == 0 || strcasecmp(scheme, "ipp") == 0 ||
-               strcasecmp(scheme, "socket") == 0 || strcasecmp(scheme, "bjnp") == 0) {
+    } else if (strcasecmp(scheme, "lpd") == 0 || strcasecmp(scheme, "ipp") == 0 || strcasecmp(scheme, "socket") == 0 ||
+               strcasecmp(scheme, "bjnp") == 0) {
         if (iBackendSize > 0) QLIBCStrCaseLower(scheme, 0, szBackend, iBackendSize);
     } else {
         QP_LOG_ERR("Fetch network printer protocol and queue name error." QP_LOWER_FMT, QP_LOWER_ARGS);
