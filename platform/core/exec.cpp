@@ -232,26 +232,20 @@ std::vector<std::string> child_environment() {
 namespace {
 
 // posix_spawn's file actions and attributes, destroyed on every path.
-struct SpawnActions {
-    posix_spawn_file_actions_t v;
-    bool ok = ::posix_spawn_file_actions_init(&v) == 0;
-    SpawnActions() = default;
-    SpawnActions(const SpawnActions &) = delete;
-    SpawnActions &operator=(const SpawnActions &) = delete;
-    ~SpawnActions() {
-        if (ok) ::posix_spawn_file_actions_destroy(&v);
+template <class T, int (*Init)(T *), int (*Destroy)(T *)>
+struct SpawnObject {
+    T v;
+    bool ok = Init(&v) == 0;
+    SpawnObject() = default;
+    SpawnObject(const SpawnObject &) = delete;
+    SpawnObject &operator=(const SpawnObject &) = delete;
+    ~SpawnObject() {
+        if (ok) Destroy(&v);
     }
 };
-struct SpawnAttr {
-    posix_spawnattr_t v;
-    bool ok = ::posix_spawnattr_init(&v) == 0;
-    SpawnAttr() = default;
-    SpawnAttr(const SpawnAttr &) = delete;
-    SpawnAttr &operator=(const SpawnAttr &) = delete;
-    ~SpawnAttr() {
-        if (ok) ::posix_spawnattr_destroy(&v);
-    }
-};
+using SpawnActions =
+    SpawnObject<posix_spawn_file_actions_t, ::posix_spawn_file_actions_init, ::posix_spawn_file_actions_destroy>;
+using SpawnAttr = SpawnObject<posix_spawnattr_t, ::posix_spawnattr_init, ::posix_spawnattr_destroy>;
 
 }  // namespace
 
@@ -341,58 +335,56 @@ int wait_child_until(pid_t pid, long long deadline_ms, int &status, bool &killed
 
 }  // namespace qc
 
-extern "C" QLIBC_API int QLIBCExec(const char *szPath, const char *szArg1, const char *szArg2, const char *szArg3,
-                                   const char *szArg4) {
-    if (!path_ok(szPath)) {
+namespace {
+
+// The frame of the Exec entry points: a bad path or argument list fails with
+// 0x0D00 and a failed allocation with 0x0200; otherwise FILL (which fills
+// the argument vector) runs and then the program.
+template <class Fill>
+int exec_frame(const char *path, bool args_ok, Fill &&fill) noexcept {
+    if (!path_ok(path) || !args_ok) {
         QC_FAIL(ERR_BAD_PARAMETER);
         return -1;
     }
     try {
-        std::vector<std::string> argv{szPath};
+        std::vector<std::string> argv;
+        fill(argv);
+        return run_and_wait(path, argv);
+    } catch (const std::bad_alloc &) {
+        QC_FAIL(ERR_OUT_OF_MEMORY);
+        return -1;
+    }
+}
+
+}  // namespace
+
+extern "C" QLIBC_API int QLIBCExec(const char *szPath, const char *szArg1, const char *szArg2, const char *szArg3,
+                                   const char *szArg4) {
+    return exec_frame(szPath, true, [&](std::vector<std::string> &argv) {
+        argv.emplace_back(szPath);
         for (const char *a : {szArg1, szArg2, szArg3, szArg4}) {
             if (!a) break;
             argv.emplace_back(a);
         }
-        return run_and_wait(szPath, argv);
-    } catch (const std::bad_alloc &) {
-        QC_FAIL(ERR_OUT_OF_MEMORY);
-        return -1;
-    }
+    });
 }
 
 extern "C" QLIBC_API int QLIBCExecl(const char *szPath, int iOptions, ...) {
-    (void)iOptions;
-    if (!path_ok(szPath)) {
-        QC_FAIL(ERR_BAD_PARAMETER);
-        return -1;
-    }
-    try {
-        std::vector<std::string> argv{szPath};
-        va_list ap;
-        va_start(ap, iOptions);
+    va_list ap;
+    va_start(ap, iOptions);
+    const int result = exec_frame(szPath, true, [&](std::vector<std::string> &argv) {
+        argv.emplace_back(szPath);
         append_args(argv, ap);
-        va_end(ap);
-        return run_and_wait(szPath, argv);
-    } catch (const std::bad_alloc &) {
-        QC_FAIL(ERR_OUT_OF_MEMORY);
-        return -1;
-    }
+    });
+    va_end(ap);
+    return result;
 }
 
 extern "C" QLIBC_API int QLIBCExecv(const char *szPath, char *const argv[], int iOptions) {
     (void)iOptions;
-    if (!path_ok(szPath) || !argv || !argv[0]) {
-        QC_FAIL(ERR_BAD_PARAMETER);
-        return -1;
-    }
-    try {
-        std::vector<std::string> args;
+    return exec_frame(szPath, argv && argv[0], [&](std::vector<std::string> &args) {
         for (int i = 0; argv[i] && i < kMaxArgs; ++i) args.emplace_back(argv[i]);
-        return run_and_wait(szPath, args);
-    } catch (const std::bad_alloc &) {
-        QC_FAIL(ERR_OUT_OF_MEMORY);
-        return -1;
-    }
+    });
 }
 
 extern "C" QLIBC_API FILE *QLIBCPopen(const char *szPath, const char *szMode, ...) {

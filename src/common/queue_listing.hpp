@@ -6,6 +6,7 @@
 
 #include <errno.h>
 #include <stdio.h>
+#include <string.h>
 #include <unistd.h>
 
 #include "owners.hpp"
@@ -57,4 +58,36 @@ Listing list_queues(Visit &&visit) {
     return Listing::kFailed;
 }
 
+// A visitor that asks whether a queue's first line holds NEEDLE: ABOUT
+// (bool(const char *line)) tells the queue's lines.  ANSWER is 1 when the
+// first of them holds NEEDLE, 2 when it does not, 0 while none was seen.
+template <class About>
+struct FirstLineHolds {
+    About about;
+    const char *needle;
+    int answer = 0;
+    bool operator()(const char *line) {
+        if (!about(line)) return false;
+        answer = strstr(line, needle) ? 1 : 2;
+        return true;
+    }
+};
+template <class About>
+FirstLineHolds<About> first_line_holds(About about, const char *needle) {
+    return FirstLineHolds<About>{about, needle};
+}
+
+// The visitor's answer after the listing GOT, or -1 when none was read whole.
+template <class About>
+int answer_after(Listing got, const FirstLineHolds<About> &visit) {
+    return got == Listing::kFailed ? -1 : visit.answer;
+}
+
+// Whether the scheduler has a queue to look at: 1 when it runs and has one;
+// 0 when it has none, or is not running (logged at PRIORITY); -1 when its
+// queues cannot be counted (logged at LOG_ERR).  The lines carry FILE:LINE.
+int scheduler_has_queues(int priority, const char *file, int line) noexcept;
+
 }  // namespace qp
+
+#define QP_SCHEDULER_HAS_QUEUES(priority) ::qp::scheduler_has_queues((priority), __FILE_NAME__, __LINE__)

@@ -10,11 +10,10 @@
 #include "paths.hpp"
 
 int printer_backup_ppd(const char *szPpdFile, const char *szPrinterId) {
+    QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szPpdFile) && QP_ARG(0 != szPpdFile[0]) &&
+                          QP_ARG(((void *)0) != szPrinterId) && QP_ARG(0 != szPrinterId[0]) &&
+                          QP_ARG(qp::name_ok(szPrinterId, qp::kIdMax)));
     return QP_GUARD(-1, {
-        QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szPpdFile) && QP_ARG(0 != szPpdFile[0]) &&
-                              QP_ARG(((void *)0) != szPrinterId) && QP_ARG(0 != szPrinterId[0]) &&
-                              QP_ARG(qp::name_ok(szPrinterId, qp::kIdMax)));
-
         if (QLIBCExec(qp::tool::kMkdir, "-p", qp::path::kCupsPpdDir, NULL, NULL) != 0) {
             QP_LOG_ERR("mkdir -p %s failed", qp::path::kCupsPpdDir);
             QP_SET_ERR(ERR_EXTERNAL_FAILED);

@@ -43,10 +43,9 @@ size_t cut_lines_at_nul(char *text, size_t len) {
 }  // namespace
 
 QP_EXPORT char *QORACupsGetPPD(const char *szName) {
+    QP_CHECK_QUIET((char *)nullptr, szName);
+    QP_CHECK_ARGS((char *)nullptr, QP_ARG(qp::name_ok(szName, qp::kPpdNameMax)));
     return QP_GUARD((char *)nullptr, {
-        QP_CHECK_QUIET((char *)nullptr, szName);
-        QP_CHECK_ARGS((char *)nullptr, QP_ARG(qp::name_ok(szName, qp::kPpdNameMax)));
-
         const std::string path = std::string(qp::path::kCupsPpdDir) + szName + ".ppd";
         qp::File file(fopen(path.c_str(), "re"));
         if (!file) {

@@ -53,9 +53,8 @@ LpqScan lpq_job_scan(FILE *pPipe, const char *szJobId) {
 }  // namespace qp::cups
 
 QP_EXPORT int QORAPrinterCupsJobWaitComplete(const char *szPrinterId, const char *szJobId) {
+    QP_CHECK_QUIET(-1, szPrinterId && szJobId);
     return QP_GUARD(-1, {
-        QP_CHECK_QUIET(-1, szPrinterId && szJobId);
-
         char queue[32] = {0};
         if (qp::stored_queue_name(szPrinterId, queue, sizeof queue) != 0) {
             QP_LOG_ERR("get cups printer name failed, printer=%s", szPrinterId);

@@ -7,12 +7,11 @@
 #include "paths.hpp"
 
 QP_EXPORT int QORAPrinterCupsPrintFile(const char *szPrinterId, const char *szFile, const char *szTitle, int blRemove) {
+    QP_CHECK_QUIET(-1, szPrinterId && szFile);
+    // lpr takes the file as its last argument: a regular file whose name
+    // cannot be read as an option.
+    QP_CHECK_ARGS(-1, QP_ARG(qp::print_file_ok(szFile)));
     return QP_GUARD(-1, {
-        QP_CHECK_QUIET(-1, szPrinterId && szFile);
-        // lpr takes the file as its last argument: a regular file whose name
-        // cannot be read as an option.
-        QP_CHECK_ARGS(-1, QP_ARG(qp::print_file_ok(szFile)));
-
         char queue[32] = {0};
         if (qp::stored_queue_name(szPrinterId, queue, sizeof queue) != 0) {
             QP_LOG_ERR("cannot get cups printer name, printer=%s", szPrinterId);

@@ -61,11 +61,10 @@ bool qp::cups::usb_names_scan(FILE *pPipe, bool &seen1, bool &seen2) {
 }
 
 QP_EXPORT int QORAPrinterCupsAdd(const char *szPrinterId, const char *szPpdFile) {
+    QP_CHECK_QUIET(-1, szPrinterId);
+    // The ID names the kept PPD copy and the device: a plain name only.
+    QP_CHECK_ARGS(-1, QP_ARG(!szPrinterId[0] || qp::name_ok(szPrinterId, qp::kIdMax)));
     return QP_GUARD(-1, {
-        QP_CHECK_QUIET(-1, szPrinterId);
-        // The ID names the kept PPD copy and the device: a plain name only.
-        QP_CHECK_ARGS(-1, QP_ARG(!szPrinterId[0] || qp::name_ok(szPrinterId, qp::kIdMax)));
-
         if (!QLIBServiceIsRunning("cupsd") && QLIBServiceStart("cupsd", 0) < 0) {
             QP_LOG_ERR("start %s failed. " QP_LOWER_FMT, "cupsd", QP_LOWER_ARGS);
             return -1;

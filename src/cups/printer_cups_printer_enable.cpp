@@ -21,10 +21,9 @@ int run_switch(const char *szProgram, const char *szQueue) {
 }  // namespace
 
 QP_EXPORT int QORAPrinterCupsPrinterEnable(const char *szCupsPrinterName, int blEnable) {
+    QP_CHECK_QUIET(-1, szCupsPrinterName && szCupsPrinterName[0]);
+    QP_CHECK_ARGS(-1, QP_ARG(qp::name_ok(szCupsPrinterName, qp::kQueueMax)));
     return QP_GUARD(-1, {
-        QP_CHECK_QUIET(-1, szCupsPrinterName && szCupsPrinterName[0]);
-        QP_CHECK_ARGS(-1, QP_ARG(qp::name_ok(szCupsPrinterName, qp::kQueueMax)));
-
         char name[128];
         snprintf(name, sizeof name, "%s", szCupsPrinterName);
         const char *program = blEnable ? qp::tool::kCupsEnable : qp::tool::kCupsDisable;

@@ -4,9 +4,8 @@
 #include "names.hpp"
 
 QP_EXPORT int QORAPrinterCupsRm(const char *szPrinterId) {
+    QP_CHECK_QUIET(-1, szPrinterId && szPrinterId[0]);
     return QP_GUARD(-1, {
-        QP_CHECK_QUIET(-1, szPrinterId && szPrinterId[0]);
-
         char name[128] = {0};
         if (qp::stored_queue_name(szPrinterId, name, sizeof name) != 0) {
             QP_LOG_ERR("cannot find cups printer name, printer=%s", szPrinterId);

@@ -21,10 +21,9 @@ int remove_queue(const char *szQueue) {
 }  // namespace
 
 QP_EXPORT int QORAPrinterCupsRmByName(const char *szCupsPrinterName) {
+    QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szCupsPrinterName) && QP_ARG(0 != szCupsPrinterName[0]) &&
+                          QP_ARG(qp::name_ok(szCupsPrinterName, qp::kQueueMax)));
     return QP_GUARD(-1, {
-        QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szCupsPrinterName) && QP_ARG(0 != szCupsPrinterName[0]) &&
-                              QP_ARG(qp::name_ok(szCupsPrinterName, qp::kQueueMax)));
-
         if (remove_queue(szCupsPrinterName) != 0) return -1;
         if (strcmp(szCupsPrinterName, "usbprinter1") == 0 && remove_queue("usbprinter") != 0) return -1;
         return 0;

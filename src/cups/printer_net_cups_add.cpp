@@ -32,14 +32,13 @@ bool fits_name(const char (&field)[N]) {
 }  // namespace
 
 QP_EXPORT int QORAPrinterNetCupsAdd(const PrinterNetConf *pNPConf, const char *szPpdFile) {
+    // The queue name and the URI become lpadmin arguments and the printer
+    // ID names the kept PPD copy: plain names that fit their fields only.
+    QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != pNPConf) &&
+                          QP_ARG(!pNPConf->szPrinterId[0] || fits_name(pNPConf->szPrinterId)) &&
+                          QP_ARG(!pNPConf->szCupsPrinterName[0] || fits_name(pNPConf->szCupsPrinterName)) &&
+                          QP_ARG(pNPConf->szBackend[0] != '-'));
     return QP_GUARD(-1, {
-        // The queue name and the URI become lpadmin arguments and the printer
-        // ID names the kept PPD copy: plain names that fit their fields only.
-        QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != pNPConf) &&
-                              QP_ARG(!pNPConf->szPrinterId[0] || fits_name(pNPConf->szPrinterId)) &&
-                              QP_ARG(!pNPConf->szCupsPrinterName[0] || fits_name(pNPConf->szCupsPrinterName)) &&
-                              QP_ARG(pNPConf->szBackend[0] != '-'));
-
         if (!QLIBServiceIsRunning("cupsd") && QLIBServiceStart("cupsd", 0) < 0) {
             QP_LOG_ERR("start %s failed. " QP_LOWER_FMT, "cupsd", QP_LOWER_ARGS);
             return -1;

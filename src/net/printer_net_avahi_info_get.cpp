@@ -14,6 +14,7 @@
 
 #include "frame.hpp"
 #include "net/net_scan.hpp"
+#include "net/net_start.hpp"
 #include "owners.hpp"
 #include "paths.hpp"
 #include "qorasdk.h"
@@ -135,12 +136,7 @@ QP_EXPORT int QORAPrinterNetAvahiInfoGet(const char *szIP, PrinterNetInfo *pNPIn
         snprintf(pattern, sizeof pattern, ";%s;", szIP);
 
         qp::Pipe browse(QLIBCPopen(qp::tool::kAvahiBrowse, "r", "-arpt", static_cast<char *>(nullptr)));
-        if (!browse) {
-            QP_LOG_ERR("open failed. " QP_LOWER_FMT, QP_LOWER_ARGS);
-            errno = 0;
-            return -1;
-        }
-
+        if (!QP_STARTED(browse)) return -1;
         const int saved_errno = errno;
         errno = 0;
         qp::net::AvahiSlots slots = {};

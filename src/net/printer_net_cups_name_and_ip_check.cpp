@@ -7,6 +7,7 @@
 
 #include "frame.hpp"
 #include "net/net_scan.hpp"
+#include "net/net_start.hpp"
 #include "qorasdk.h"
 #include "queue_listing.hpp"
 
@@ -27,49 +28,33 @@ bool lpstat_queue_word(std::string_view line, std::string_view *word) {
 namespace {
 
 // The queue's first line decides: 1 when its URI holds "/ADDRESS/", 2 when not.
-struct NameIpVisit {
-    const char *queue;
-    const char *pattern;
-    int &found;
-    bool operator()(const char *line) const {
-        std::string_view word;
-        if (!qp::net::lpstat_queue_word(line, &word) || word != queue) return false;
-        found = strstr(line, pattern) ? 1 : 2;
-        return true;
-    }
-};
+auto first_line(const char *queue, const char *pattern) {
+    return qp::first_line_holds(
+        [queue](const char *line) {
+            std::string_view word;
+            return qp::net::lpstat_queue_word(line, &word) && word == queue;
+        },
+        pattern);
+}
 
 }  // namespace
 
 int qp::net::lpstat_name_scan(FILE *pPipe, const char *szCupsPrinterName, const char *szIpPattern) {
-    int found = 0;
-    return qp::read_listing(pPipe, NameIpVisit{szCupsPrinterName, szIpPattern, found}) == qp::Listing::kFailed ? -1
-                                                                                                               : found;
+    auto visit = first_line(szCupsPrinterName, szIpPattern);
+    return qp::answer_after(qp::read_listing(pPipe, visit), visit);
 }
 
 QP_EXPORT int QORAPrinterNetCupsNameAndIPCheck(const char *szIP, const char *szCupsPrinterName) {
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP) && QP_ARG(0 != szIP[0]) && QP_ARG(((void *)0) != szCupsPrinterName) &&
                           QP_ARG(0 != szCupsPrinterName[0]));
     return QP_GUARD(-1, {
-        if (QLIBServiceIsRunning("cupsd") <= 0) {
-            QP_LOG_ERR("%s is not running.", "cupsd");
-            return 0;
-        }
-        const int printers = QORAPrinterEnumCount(3, nullptr);
-        if (printers < 0) {
-            QP_LOG_ERR("Failed to Enum Printers." QP_LOWER_FMT, QP_LOWER_ARGS);
-            return -1;
-        }
-        if (printers == 0) return 0;
+        const int has_queues = QP_SCHEDULER_HAS_QUEUES(LOG_ERR);
+        if (has_queues <= 0) return has_queues;
 
-        char pattern[32];
-        snprintf(pattern, sizeof pattern, "/%s/", szIP);
-
-        int found = 0;
-        if (qp::list_queues(NameIpVisit{szCupsPrinterName, pattern, found}) == qp::Listing::kFailed) {
-            QP_SET_ERR(ERR_EXTERNAL_FAILED);
-            return -1;
-        }
+        const qp::net::HostPattern pattern(szIP);
+        auto visit = first_line(szCupsPrinterName, pattern.text);
+        const int found = qp::answer_after(qp::list_queues(visit), visit);
+        if (found < 0) QP_SET_ERR(ERR_EXTERNAL_FAILED);
         return found;
     });
 }

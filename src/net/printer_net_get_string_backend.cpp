@@ -13,6 +13,7 @@
 #include "frame.hpp"
 #include "names.hpp"
 #include "net/net_scan.hpp"
+#include "net/net_start.hpp"
 #include "owners.hpp"
 #include "paths.hpp"
 
@@ -118,13 +119,8 @@ QP_EXPORT int QORAPrinterNetGetStringBackend(const char *szIP, char *szBackend, 
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP) && QP_ARG(((void *)0) != szBackend) && QP_ARG(NULL != szQName) &&
                           QP_ARG(qp::address_ok(szIP)));
     return QP_GUARD(-1, {
-        qp::Pipe walk(QLIBCPopen(qp::tool::kSnmpwalk, "r", "-v", "1", "-c", "tarvel", szIP, "enterprises",
-                                 static_cast<char *>(nullptr)));
-        if (!walk) {
-            QP_LOG_ERR("open failed. " QP_LOWER_FMT, QP_LOWER_ARGS);
-            errno = 0;
-            return -1;
-        }
+        qp::Pipe walk = qp::net::snmp_walk(szIP);
+        if (!QP_STARTED(walk)) return -1;
         const int saved_errno = errno;
         errno = 0;
 

@@ -12,6 +12,7 @@
 #include "frame.hpp"
 #include "names.hpp"
 #include "net/net_scan.hpp"
+#include "net/net_start.hpp"
 #include "owners.hpp"
 #include "paths.hpp"
 
@@ -68,10 +69,8 @@ QP_EXPORT int QORAPrinterNetGetStringId(const char *szIP, char *szOutBuf, int iO
                           QP_ARG(qp::address_ok(szIP)));
     return QP_GUARD(-1, {
         memset(szOutBuf, 0, static_cast<size_t>(iOutSize));
-        qp::Pipe walk(QLIBCPopen(qp::tool::kSnmpwalk, "r", "-v", "1", "-c", "tarvel", szIP, "enterprises",
-                                 static_cast<char *>(nullptr)));
-        if (!walk) {
-            QP_LOG_ERR("open failed. " QP_LOWER_FMT, QP_LOWER_ARGS);
+        qp::Pipe walk = qp::net::snmp_walk(szIP);
+        if (!QP_STARTED(walk)) {
             errno = saved_errno;
             return -1;
         }

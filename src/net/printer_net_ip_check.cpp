@@ -7,6 +7,7 @@
 
 #include "frame.hpp"
 #include "net/net_scan.hpp"
+#include "net/net_start.hpp"
 #include "qorasdk.h"
 #include "queue_listing.hpp"
 
@@ -34,22 +35,12 @@ int qp::net::lpstat_ip_scan(FILE *pPipe, const char *szIpPattern) {
 QP_EXPORT int QORAPrinterNetIPCheck(const char *szIP) {
     QP_CHECK_ARGS(-1, QP_ARG(((void *)0) != szIP));
     return QP_GUARD(-1, {
-        if (QLIBServiceIsRunning("cupsd") <= 0) {
-            QP_LOG_DEBUG("%s is not running.", "cupsd");
-            return 1;
-        }
-        const int printers = QORAPrinterEnumCount(3, nullptr);
-        if (printers < 0) {
-            QP_LOG_ERR("Failed to Enum Printers." QP_LOWER_FMT, QP_LOWER_ARGS);
-            return -1;
-        }
-        if (printers == 0) return 1;
+        // No queue, or no scheduler to hold one: the address is free.
+        const int has_queues = QP_SCHEDULER_HAS_QUEUES(LOG_DEBUG);
+        if (has_queues <= 0) return has_queues < 0 ? -1 : 1;
 
-        // Cut to the buffer: a longer "address" cannot be a queue's host anyway.
-        char pattern[32];
-        snprintf(pattern, sizeof pattern, "/%s/", szIP);
-
-        const int found = answer(qp::list_queues(IpVisit{pattern}));
+        const qp::net::HostPattern pattern(szIP);
+        const int found = answer(qp::list_queues(IpVisit{pattern.text}));
         if (found < 0) QP_SET_ERR(ERR_EXTERNAL_FAILED);
         return found;
     });

@@ -63,7 +63,7 @@ QP_EXPORT int QORAPrinterNetUpdateConf(int iAction, const PrinterNetConf *pNPCon
 
         int rc = 0;
         if (iAction != 0) {
-            if (QLIBCFileSetKeyValue(qp::path::kNptab, ip, queue, qp::path::kKeyValueFmt) < 0) {
+            if (QLIBCFileSetKeyValue(qp::path::kNptab, ip, queue, qp::fmt::kKeyValue) < 0) {
                 QP_LOG_ERR("Set nptab failed, devname=%s, device=%s", ip, queue);
                 rc = -1;
             }

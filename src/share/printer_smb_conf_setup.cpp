@@ -30,7 +30,7 @@ int QORAPrinterSmbConfSetup(void) {
         }
     }
 
-    if (QLIBCFileAddSection(qp::path::kSmbReserved, "printers", section.get(), qp::path::kSectionEntryFmt) < 0) {
+    if (QLIBCFileAddSection(qp::path::kSmbReserved, "printers", section.get(), qp::fmt::kSectionEntry) < 0) {
         QP_LOG_ERR("QLIBCFileAddSection failed." QP_CODE_FMT, QLIBCErrGet());
         return -1;
     }
