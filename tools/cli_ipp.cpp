@@ -291,24 +291,6 @@ std::string supply_field(const std::string &item, const std::string &key) {
     return "";
 }
 
-std::string json_string(const std::string &s) {
-    std::string out = "\"";
-    for (const char ch : s) {
-        const auto c = static_cast<unsigned char>(ch);
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-        } else if (c < 0x20 || c == 0x7F) {
-            char buf[8];
-            snprintf(buf, sizeof buf, "\\u%04x", c);
-            out += buf;
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out + "\"";
-}
-
 // Printable text from a printer: control bytes become blanks.
 std::string clean(const std::string &s) {
     std::string out = s;
@@ -317,14 +299,6 @@ std::string clean(const std::string &s) {
     }
     return out;
 }
-
-std::string json_list(const std::vector<std::string> &v) {
-    std::string out = "[";
-    for (size_t i = 0; i < v.size(); ++i) out += (i ? "," : "") + json_string(v[i]);
-    return out + "]";
-}
-
-std::string json_int(int v) { return v < 0 ? "null" : std::to_string(v); }
 
 std::string joined(const std::vector<std::string> &v) {
     std::string out;
@@ -477,26 +451,44 @@ PrinterStatus query_status(const std::string &host) {
     return st;
 }
 
+void print_status_json(const PrinterStatus &st) {
+    qpcli::Json j;
+    j.open().field("address", st.address).field("uri", st.uri).field("ipp", st.ipp);
+    if (!st.ipp) {
+        j.field("problem", st.problem).close().print();
+        return;
+    }
+    const auto list = [&j](std::string_view key, const std::vector<std::string> &items) {
+        j.array(key);
+        for (const std::string &item : items) j.str(item);
+        j.end_array();
+    };
+    // A level the printer does not report is null.
+    const auto level = [&j](std::string_view key, int value) {
+        if (value < 0) {
+            j.null(key);
+        } else {
+            j.field(key, static_cast<long long>(value));
+        }
+    };
+    j.field("make_and_model", st.make_and_model).field("state", st.state);
+    list("reasons", st.reasons);
+    j.field("message", st.message).field("accepting", st.accepting).field("driverless", st.everywhere);
+    list("formats", st.formats);
+    j.array("supplies");
+    for (const Supply &s : st.supplies) {
+        j.open().field("name", s.name).field("type", s.type).field("color", s.color);
+        level("level", s.level);
+        level("low", s.low);
+        level("high", s.high);
+        j.close();
+    }
+    j.end_array().close().print();
+}
+
 void print_status(const PrinterStatus &st, bool json, FILE *out) {
     if (json) {
-        fprintf(out, "{\"address\":%s,\"uri\":%s,\"ipp\":%s", json_string(st.address).c_str(),
-                json_string(st.uri).c_str(), st.ipp ? "true" : "false");
-        if (!st.ipp) {
-            fprintf(out, ",\"problem\":%s}\n", json_string(st.problem).c_str());
-            return;
-        }
-        fprintf(out, ",\"make_and_model\":%s,\"state\":%s,\"reasons\":%s,\"message\":%s,\"accepting\":%s",
-                json_string(st.make_and_model).c_str(), json_string(st.state).c_str(), json_list(st.reasons).c_str(),
-                json_string(st.message).c_str(), st.accepting ? "true" : "false");
-        fprintf(out, ",\"driverless\":%s,\"formats\":%s,\"supplies\":[", st.everywhere ? "true" : "false",
-                json_list(st.formats).c_str());
-        for (size_t i = 0; i < st.supplies.size(); ++i) {
-            const Supply &s = st.supplies[i];
-            fprintf(out, "%s{\"name\":%s,\"type\":%s,\"color\":%s,\"level\":%s,\"low\":%s,\"high\":%s}", i ? "," : "",
-                    json_string(s.name).c_str(), json_string(s.type).c_str(), json_string(s.color).c_str(),
-                    json_int(s.level).c_str(), json_int(s.low).c_str(), json_int(s.high).c_str());
-        }
-        fprintf(out, "]}\n");
+        print_status_json(st);
         return;
     }
     if (!st.ipp) {
