@@ -95,11 +95,11 @@ std::string printable(std::string_view s);
 // One JSON document written as its parts come; keys keep the order given.
 class Json {
 public:
-    Json &open();                        // {
-    Json &close();                       // }
-    Json &array(std::string_view key);   // "key": [
-    Json &end_array();                   // ]
-    Json &object(std::string_view key);  // "key": {
+    Json &open() { return opening('{', {}); }                         // {
+    Json &close() { return closing('}'); }                            // }
+    Json &array(std::string_view key) { return opening('[', key); }   // "key": [
+    Json &end_array() { return closing(']'); }                        // ]
+    Json &object(std::string_view key) { return opening('{', key); }  // "key": {
     Json &key(std::string_view key);
     Json &str(std::string_view value);  // also an array item
     Json &field(std::string_view k, std::string_view v) { return key(k).str(v); }
@@ -112,6 +112,8 @@ public:
     const std::string &text() const { return out_; }
 
 private:
+    Json &opening(char bracket, std::string_view key);
+    Json &closing(char bracket);
     void comma();
     std::string out_;
     bool first_ = true;

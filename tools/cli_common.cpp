@@ -191,15 +191,20 @@ void Json::comma() {
     first_ = false;
 }
 
-Json &Json::open() {
-    comma();
-    out_ += '{';
+// An opening bracket, after KEY when one is given, and a closing one.
+Json &Json::opening(char bracket, std::string_view k) {
+    if (k.data()) {
+        key(k);
+    } else {
+        comma();
+    }
+    out_ += bracket;
     first_ = true;
     return *this;
 }
 
-Json &Json::close() {
-    out_ += '}';
+Json &Json::closing(char bracket) {
+    out_ += bracket;
     first_ = false;
     return *this;
 }
@@ -208,26 +213,6 @@ Json &Json::key(std::string_view k) {
     str(k);
     out_ += ':';
     first_ = true;  // the value follows without a comma
-    return *this;
-}
-
-Json &Json::array(std::string_view k) {
-    key(k);
-    out_ += '[';
-    first_ = true;
-    return *this;
-}
-
-Json &Json::end_array() {
-    out_ += ']';
-    first_ = false;
-    return *this;
-}
-
-Json &Json::object(std::string_view k) {
-    key(k);
-    out_ += '{';
-    first_ = true;
     return *this;
 }
 

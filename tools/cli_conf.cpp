@@ -1,24 +1,19 @@
 // qoraprinter subcommands for device ID strings, printer.conf sections,
 // model detection and the cloud print account.
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <string>
 #include <string_view>
 
 #include "cli.hpp"
+#include "paths.hpp"
 #include "qoracore.h"
 #include "qoraprinter.h"
 
 namespace {
 
-using qpcli::begin_call;
-using qpcli::cmd;
-using qpcli::json;
-using qpcli::kJson;
-using qpcli::say;
-using qpcli::set_field;
-
-constexpr const char *kPrinterConf = "/usr/qora/etc/printer.conf";
+using namespace qpcli;
 
 // A parse answers non-zero without an error code when the key is absent:
 // "no" (3), not a failure; begin_call() emptied the slot to tell them apart.
@@ -63,33 +58,43 @@ int stringid_get(const qpcli::Args &a) {
                         "stringid get");
 }
 
+// The printer.conf keys "conf set" takes, and the record fields they fill.
+struct ConfKey {
+    const char *key;
+    size_t offset, size;
+};
+#define QP_CONF_KEY(key, member) \
+    { key, offsetof(PrinterConf, member), sizeof(PrinterConf::member) }
+constexpr ConfKey kConfKeys[] = {
+    QP_CONF_KEY("producer", szProducer),
+    QP_CONF_KEY("product name", szProductName),
+    QP_CONF_KEY("mode", szMode),
+    QP_CONF_KEY("autolock timer", szAutoLockTimer),
+    QP_CONF_KEY("manuallock timer", szManualLockTimer),
+    QP_CONF_KEY("enable airprint", szEnableAirprint),
+    QP_CONF_KEY("enable google cloud print", szEnableGoogleCloudPrint),
+    QP_CONF_KEY("driver", szDriver),
+    QP_CONF_KEY("driver brand", szDriverBrand),
+    QP_CONF_KEY("usblp string id", szUsblpStringId),
+    QP_CONF_KEY("fit to page", szFitToPage),
+};
+#undef QP_CONF_KEY
+
+// Sets KEY's field to V; false for a key not in the table.  FITS tells
+// whether V fitted (a value that does not leaves the field as it was).
 bool set_conf_key(PrinterConf &c, std::string_view key, std::string_view v, bool &fits) {
+    for (const ConfKey &k : kConfKeys) {
+        if (key != k.key) continue;
+        fits = v.size() < k.size;
+        if (fits) {
+            char *field = reinterpret_cast<char *>(&c) + k.offset;
+            std::memcpy(field, v.data(), v.size());
+            field[v.size()] = '\0';
+        }
+        return true;
+    }
     fits = true;
-    if (key == "producer")
-        fits = set_field(c.szProducer, v);
-    else if (key == "product name")
-        fits = set_field(c.szProductName, v);
-    else if (key == "mode")
-        fits = set_field(c.szMode, v);
-    else if (key == "autolock timer")
-        fits = set_field(c.szAutoLockTimer, v);
-    else if (key == "manuallock timer")
-        fits = set_field(c.szManualLockTimer, v);
-    else if (key == "enable airprint")
-        fits = set_field(c.szEnableAirprint, v);
-    else if (key == "enable google cloud print")
-        fits = set_field(c.szEnableGoogleCloudPrint, v);
-    else if (key == "driver")
-        fits = set_field(c.szDriver, v);
-    else if (key == "driver brand")
-        fits = set_field(c.szDriverBrand, v);
-    else if (key == "usblp string id")
-        fits = set_field(c.szUsblpStringId, v);
-    else if (key == "fit to page")
-        fits = set_field(c.szFitToPage, v);
-    else
-        return false;
-    return true;
+    return false;
 }
 
 int conf_show(const qpcli::Args &a) {
@@ -97,13 +102,13 @@ int conf_show(const qpcli::Args &a) {
     begin_call();
     PQLIBSZHASH hash = QLIBCSzHashAlloc(512);
     if (!hash) return qpcli::fail("conf show");
-    const int n = QLIBCFileGetSection(kPrinterConf, a[0].c_str(), &hash);
+    const int n = QLIBCFileGetSection(qp::path::kPrinterConf, a[0].c_str(), &hash);
     PQLIBSZLIST keys = QLIBCSzListAlloc(256);
     int rc = qpcli::kOk;
-    if (n < 0 && QLIBCFileExist(kPrinterConf)) {
+    if (n < 0 && QLIBCFileExist(qp::path::kPrinterConf)) {
         rc = qpcli::fail("conf show");
     } else if (n <= 0) {
-        rc = say(qpcli::kNo, "conf show: %s has no section [%s].", kPrinterConf, a[0].c_str());
+        rc = say(qpcli::kNo, "conf show: %s has no section [%s].", qp::path::kPrinterConf, a[0].c_str());
         if (json()) qpcli::Json().open().field("printer", a[0]).null("keys").close().print();
     } else if (!keys || QLIBCSzHashEnumKey(hash, &keys) < 0) {
         rc = qpcli::fail("conf show");
@@ -220,7 +225,7 @@ int cloud_show(const qpcli::Args &args) {
         // No account: nothing in the slot, or only the core library's failed
         // open of a printer.conf that does not exist yet.
         const unsigned int code = QLIBCErrGet();
-        const bool no_file = code == ERR_OPEN_FAILED && !QLIBCFileExist(kPrinterConf);
+        const bool no_file = code == ERR_OPEN_FAILED && !QLIBCFileExist(qp::path::kPrinterConf);
         if ((code != 0 && !no_file) || info.szAccount[0] != '\0') return qpcli::fail("cloud show");
         if (json()) qpcli::Json().open().null("account").close().print();
         return say(qpcli::kNo, "cloud show: no account is stored.");

@@ -10,20 +10,13 @@
 #include <string_view>
 
 #include "cli.hpp"
+#include "paths.hpp"
 #include "qoracore.h"
 #include "qoraprinter.h"
 
 namespace {
 
-using qpcli::begin_call;
-using qpcli::cmd;
-using qpcli::done;
-using qpcli::json;
-using qpcli::kJson;
-using qpcli::say;
-using qpcli::set_field;
-
-constexpr const char *kPrinterConf = "/usr/qora/etc/printer.conf";
+using namespace qpcli;
 
 int queue_add(const qpcli::Args &args) {
     qpcli::Args a = args;
@@ -58,7 +51,7 @@ int queue_add_net(const qpcli::Args &args) {
         if (!ip.empty() || !name.empty() || !backend.empty() || !qname.empty() || !id.empty()) return qpcli::kBadArgs;
         PQLIBSZHASH hash = QLIBCSzHashAlloc(512);
         if (!hash) return qpcli::fail("queue add-net");
-        if (QLIBCFileGetSection(kPrinterConf, from.c_str(), &hash) > 0) {
+        if (QLIBCFileGetSection(qp::path::kPrinterConf, from.c_str(), &hash) > 0) {
             auto get = [&](const char *key) {
                 const char *v = QLIBCSzHashGetValue(hash, key);
                 return std::string(v ? v : "");
@@ -70,7 +63,7 @@ int queue_add_net(const qpcli::Args &args) {
         }
         QLIBCSzHashFree(hash);
         if (ip.empty() || backend.empty())
-            return say(qpcli::kNo, "queue add-net: %s has no network printer section [%s].", kPrinterConf,
+            return say(qpcli::kNo, "queue add-net: %s has no network printer section [%s].", qp::path::kPrinterConf,
                        from.c_str());
         id = from;
     } else {

@@ -11,11 +11,7 @@
 
 namespace {
 
-using qpcli::Args;
-using qpcli::begin_call;
-using qpcli::cmd;
-using qpcli::json;
-using qpcli::kJson;
+using namespace qpcli;
 
 // Copies text into a record field, refusing what does not fit.
 template <size_t N>
@@ -71,15 +67,15 @@ int net_identify(const Args &args) {
 
 int net_configure(const Args &args) {
     Args a = args;
-    std::string name, backend, qname, brand, model, stringId, driver, driverBrand, ppd, how = "snmp";
+    std::string name, backend, qname, brand, model, string_id, driver, driver_brand, ppd, how = "snmp";
     qpcli::take_option(a, "--name", name);
     const bool given = qpcli::take_option(a, "--backend", backend);
     const bool qname_given = qpcli::take_option(a, "--qname", qname);
     qpcli::take_option(a, "--brand", brand);
     qpcli::take_option(a, "--model", model);
-    qpcli::take_option(a, "--string-id", stringId);
+    qpcli::take_option(a, "--string-id", string_id);
     qpcli::take_option(a, "--driver", driver);
-    qpcli::take_option(a, "--driver-brand", driverBrand);
+    qpcli::take_option(a, "--driver-brand", driver_brand);
     qpcli::take_option(a, "--ppd", ppd);
     qpcli::take_option(a, "--by", how);
     const bool driverless = qpcli::take_flag(a, "--driverless");
@@ -99,7 +95,7 @@ int net_configure(const Args &args) {
         backend = "ipp", qname = "ipp/print", ppd = made.path;
         if (model.empty()) model = made.make_and_model;
         if (brand.empty()) brand = model.substr(0, model.find(' '));
-        if (stringId.empty()) stringId = made.device_id;
+        if (string_id.empty()) string_id = made.device_id;
         if (driver.empty()) driver = "driverless";
     } else if (!given) {
         PrinterNetInfo info;
@@ -108,7 +104,7 @@ int net_configure(const Args &args) {
         if (!qname_given) qname = info.szQName;
         if (brand.empty()) brand = info.szVendor;
         if (model.empty()) model = info.szModel;
-        if (stringId.empty()) stringId = info.szStringId;
+        if (string_id.empty()) string_id = info.szStringId;
         if (backend.empty())
             return qpcli::say(qpcli::kNo, "net configure: %s found no backend for %s; give --backend.", how.c_str(),
                               ip.c_str());
@@ -121,8 +117,8 @@ int net_configure(const Args &args) {
         !put(conf.szPrinterId, id, "address-queue") || !put(conf.szBackend, backend, "the backend") ||
         !put(conf.szQName, qname, "the remote queue") || !put(conf.szBrand, brand.substr(0, 127), "brand") ||
         !put(conf.szModel, model.substr(0, 127), "model") || !put(conf.szDriver, driver, "the driver") ||
-        !put(conf.szDriverBrand, driverBrand, "the driver brand") ||
-        !put(conf.szStringId, stringId.substr(0, 1023), "the device ID")) {
+        !put(conf.szDriverBrand, driver_brand, "the driver brand") ||
+        !put(conf.szStringId, string_id.substr(0, 1023), "the device ID")) {
         return qpcli::kUsage;
     }
     begin_call();

@@ -14,12 +14,7 @@
 
 namespace {
 
-using qpcli::begin_call;
-using qpcli::cmd;
-using qpcli::done;
-using qpcli::json;
-using qpcli::kJson;
-using qpcli::say;
+using namespace qpcli;
 
 // The USB bus ID of a usblp node, read from sysfs: /sys/class/usbmisc/lpN
 // links to .../BUS/BUS:CONFIG.INTERFACE/usbmisc/lpN.  Empty when the node is
