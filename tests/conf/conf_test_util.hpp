@@ -1,11 +1,7 @@
 // Helpers shared by the configuration store tests.
 #pragma once
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cstring>
-#include <functional>
 #include <map>
 #include <string>
 
@@ -36,16 +32,6 @@ inline std::map<std::string, std::string> section(const char *name, const char *
     return out;
 }
 
-// Runs fn in a forked child and answers its exit status (-1 when it died).
-inline int in_child(const std::function<int()> &fn) {
-    pid_t pid = fork();
-    if (pid == 0) _exit(fn());
-    int st = 0;
-    while (waitpid(pid, &st, 0) < 0) {
-    }
-    return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-}
-
 // Puts an unlikely value in the error slot, to see whether a call touches it.
 inline void mark_slot() { QLIBCErrSetEx(ERR_NAME_TOO_LONG, "marker.cpp", 4242); }
 inline bool slot_is_marked() {
@@ -59,14 +45,19 @@ void put(char (&field)[N], const std::string &s) {
     std::memcpy(field, s.c_str(), s.size() + 1);
 }
 
-// A fresh printer.conf (or none) for each test.
+// A fresh printer.conf (or none) for each test; every path of every test
+// gives back its descriptors (the lock, the file reads).
 class ConfTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(qpt::in_sandbox()) << "these tests write the library's fixed paths: run them in qp-sandbox";
         qpt::mkdirs("/usr/qora/etc");
         qpt::remove_file(kConf);
+        QORAPrinterPrinterConfUnlock(-1);  // opens the syslog socket once
+        fds_ = qpt::open_fd_count();
     }
+    void TearDown() override { EXPECT_EQ(qpt::open_fd_count(), fds_) << "descriptor leak"; }
+    int fds_ = 0;
 };
 
 }  // namespace conft
