@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <climits>
-#include <map>
 
 #include <gtest/gtest.h>
 
@@ -18,7 +17,7 @@
 namespace {
 
 using namespace conft;
-using Keys = std::map<std::string, std::string>;
+using Keys = qpfile::Map;
 
 PrinterConf record(const std::string &id, const std::string &producer = "") {
     PrinterConf c{};

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstring>
-#include <map>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -10,27 +9,14 @@
 #include "qoracore.h"
 #include "qoraprinter.h"
 #include "qp_test.hpp"
+#include "../platform/section_map.hpp"
 
 namespace conft {
 
 inline constexpr const char *kConf = "/usr/qora/etc/printer.conf";
-inline constexpr const char *kLockFile = "/run/qorasdk/lock/lock_printer";
 
-// A section as the core library reads it, key -> value.
-inline std::map<std::string, std::string> section(const char *name, const char *file = kConf) {
-    std::map<std::string, std::string> out;
-    PQLIBSZHASH h = QLIBCSzHashAlloc(512);
-    PQLIBSZLIST keys = QLIBCSzListAlloc(256);
-    if (h && keys && QLIBCFileGetSection(file, name, &h) > 0 && QLIBCSzHashEnumKey(h, &keys) > 0) {
-        for (int i = 0; i < keys->nItem; ++i) {
-            const char *v = QLIBCSzHashGetValue(h, keys->pszItem[i]);
-            out[keys->pszItem[i]] = v ? v : "";
-        }
-    }
-    QLIBCSzListFree(keys);
-    QLIBCSzHashFree(h);
-    return out;
-}
+// A section of printer.conf as the core library reads it, key -> value.
+inline qpfile::Map section(const char *name) { return qpfile::section(kConf, name).second; }
 
 // Puts an unlikely value in the error slot, to see whether a call touches it.
 inline void mark_slot() { QLIBCErrSetEx(ERR_NAME_TOO_LONG, "marker.cpp", 4242); }

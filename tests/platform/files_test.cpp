@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <filesystem>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -16,27 +15,16 @@
 
 #include "qoracore.h"
 #include "qp_test.hpp"
+#include "section_map.hpp"
 
 namespace {
 
-using Map = std::map<std::string, std::string>;
+using qpfile::Map;
+using qpfile::section;
 
 std::string scratch(const std::string &name) {
     qpt::mkdirs("/tmp/platform-files/" + name);
     return "/tmp/platform-files/" + name;
-}
-
-// Reads a section; the int is GetSection's answer.
-std::pair<int, Map> section(const std::string &file, const char *name) {
-    PQLIBSZHASH h = QLIBCSzHashAlloc(16);
-    PQLIBSZLIST keys = QLIBCSzListAlloc(16);
-    const int n = QLIBCFileGetSection(file.c_str(), name, &h);
-    QLIBCSzHashEnumKey(h, &keys);
-    Map m;
-    for (int i = 0; i < keys->nItem; ++i) m[keys->pszItem[i]] = QLIBCSzHashGetValue(h, keys->pszItem[i]);
-    QLIBCSzListFree(keys);
-    QLIBCSzHashFree(h);
-    return {n, m};
 }
 
 PQLIBSZHASH make_hash(std::initializer_list<std::pair<const char *, const char *>> items) {
@@ -99,7 +87,7 @@ TEST(KeyValueFile, WritersKeepOtherBytesAndForgeNothing) {
 TEST(SectionFile, ReadingRules) {
     const std::string f = scratch("secread") + "/printer.conf";
     qpt::write_file(f, "; leading comment\n[Google Cloud Print]\r\n\tgoogle account = someone \r\n"
-                       "# comment = not an entry\ngarbage\n\t = no key\n\tkey=a = b\n[empty]\n\n"
+                       "# comment = not an entry\n; nor = this\ngarbage\n\t = no key\n\tkey=a = b\n[empty]\n\n"
                        "[printers]\n\tcomment = All Printers\n\tcomment = later duplicate\n"
                        "[Google Cloud Print]\n\tgoogle account = second section");
     EXPECT_EQ(section(f, "Google Cloud Print"), std::make_pair(2, Map{{"google account", "someone"}, {"key", "a = b"}}));
