@@ -58,13 +58,19 @@ TEST(KeyValueFile, ReadingRules) {
     EXPECT_EQ(QLIBCErrGet(), ERR_OPEN_FAILED);
 }
 
-TEST(KeyValueFile, WritersKeepOtherBytesAndForgeNothing) {
-    const std::string f = scratch("kvwrite") + "/tab";
+TEST(KeyValueFile, WritersKeepOtherBytesAndModeAndForgeNothing) {
+    const std::string f = scratch("kvwrite") + "/tab", made = scratch("kvwrite") + "/new/tab";
+    struct stat st {};
+    const mode_t old_mask = umask(077);  // a new file (and its directory) is made, 0644 whatever the umask
+    ASSERT_EQ(QLIBCFileSetKeyValue(made.c_str(), "k", "1", nullptr), 0);
+    umask(old_mask);
+    EXPECT_TRUE(stat(made.c_str(), &st) == 0 && (st.st_mode & 07777) == 0644u) << std::oct << st.st_mode;
     const std::string head = "# header comment\r\nnoise without equals\n" + std::string(100 * 1024, 'L') + "\n" +
                              std::string("bin\x01\xff\x00tail=\"v\"\n", 15);
-    qpt::write_file(f, head + "lp0=\"old\"\nmid=\"keep\"\r\nlp0=\"dup\"\nend=\"x\"");
+    qpt::write_file(f, head + "lp0=\"old\"\nmid=\"keep\"\r\nlp0=\"dup\"\nend=\"x\"", 0640);
     ASSERT_EQ(QLIBCFileSetKeyValue(f.c_str(), "lp0", "1-1", "%s=\"%s\"\n"), 0);
     EXPECT_EQ(qpt::read_file(f), head + "lp0=\"1-1\"\nmid=\"keep\"\r\nend=\"x\"");
+    EXPECT_TRUE(stat(f.c_str(), &st) == 0 && (st.st_mode & 07777) == 0640u) << std::oct << st.st_mode;
     // Appending after a last line without a line end must not glue the two.
     ASSERT_EQ(QLIBCFileSetKeyValue(f.c_str(), "lp1", "2-1", nullptr), 0);
     EXPECT_EQ(qpt::read_file(f), head + "lp0=\"1-1\"\nmid=\"keep\"\r\nend=\"x\"\nlp1=\"2-1\"\n");
@@ -160,18 +166,6 @@ TEST(SectionFile, SetSectionAndValueChangeOnlyThatSection) {
     EXPECT_LT(QLIBCFileSetSection(f.c_str(), "A", "C", h, nullptr), 1);  // C exists
     QLIBCSzHashFree(h);
     EXPECT_EQ(qpt::read_file(f), now);
-}
-
-TEST(Rewrite, ModeOfNewAndOldFiles) {
-    const std::string f = scratch("meta") + "/new/printer.conf";
-    struct stat st {};
-    const mode_t old_mask = umask(077);  // a new file (and its directory) is made, 0644 whatever the umask
-    ASSERT_EQ(QLIBCFileSetKeyValue(f.c_str(), "k", "1", nullptr), 0);
-    umask(old_mask);
-    EXPECT_TRUE(stat(f.c_str(), &st) == 0 && (st.st_mode & 07777) == 0644u) << std::oct << st.st_mode;
-    ASSERT_EQ(chmod(f.c_str(), 0640), 0);
-    ASSERT_EQ(QLIBCFileSetKeyValue(f.c_str(), "other", "3", nullptr), 0);
-    EXPECT_TRUE(stat(f.c_str(), &st) == 0 && (st.st_mode & 07777) == 0640u) << std::oct << st.st_mode;
 }
 
 TEST(Rewrite, ConcurrentProcessesLoseNothing) {
