@@ -61,10 +61,10 @@ TEST(Exec, StatusFailuresAndArgumentsAsGiven) {
     // Every runner passes its arguments as they are, wildcards too (a
     // matching file list must never stand in for a caller's name), argv[0]
     // included; QLIBCExec stops at the first NULL.  The shell records the
-    // command line it was given.
+    // command line it was given (the ":" keeps it from replacing itself).
     const std::string dir = "/tmp/platform-glob", out = dir + "/args", txt = dir + "/*.txt";
     for (const char *name : {"b.txt", "a.txt"}) qpt::write_file(dir + "/" + name, "x");
-    const std::string rec = "tr '\\0' '\\n' </proc/$$/cmdline >" + out, head = "/bin/sh\n-c\n" + rec + "\n";
+    const std::string rec = "tr '\\0' '\\n' </proc/$$/cmdline >" + out + "; :", head = "/bin/sh\n-c\n" + rec + "\n";
     auto args = [&](int rc) { return rc == 0 ? qpt::read_file(out) : "status " + std::to_string(rc); };
     EXPECT_EQ(args(QLIBCExec(kSh, "-c", rec.c_str(), txt.c_str(), nullptr)), head + txt + "\n");
     EXPECT_EQ(args(QLIBCExec(kSh, "-c", rec.c_str(), nullptr, "ignored")), head);
