@@ -76,19 +76,14 @@ TEST(Crypt, RoundTripTamperingAndSizes) {
     const char *key = "/usr/qora/etc/.qoracrypt.key";
     qpt::remove_file(key);
     // Creators racing for the first key end up sharing one.
-    std::vector<pid_t> kids;
+    char a[512], b[512], plain[512], sealed[4][512] = {};
+    std::vector<std::thread> creators;
+    for (int i = 0; i < 4; ++i)
+        creators.emplace_back([&sealed, i] { QLIBCCryptSzEncrypt(("secret" + std::to_string(i)).c_str(), sealed[i], 512); });
+    for (auto &t : creators) t.join();
     for (int i = 0; i < 4; ++i) {
-        if (kids.emplace_back(fork()) != 0) continue;
-        char out[512] = "";
-        QLIBCCryptSzEncrypt(("secret" + std::to_string(i)).c_str(), out, sizeof out);
-        qpt::write_file("/tmp/platform-crypt-" + std::to_string(i), out);
-        _exit(0);
-    }
-    char a[512], b[512], plain[512];
-    for (int i = 0; i < 4; ++i) {
-        waitpid(kids[i], nullptr, 0);
         plain[0] = 0;
-        QLIBCCryptSzDecrypt(qpt::read_file("/tmp/platform-crypt-" + std::to_string(i)).c_str(), plain, sizeof plain);
+        QLIBCCryptSzDecrypt(sealed[i], plain, sizeof plain);
         EXPECT_EQ(std::string(plain), "secret" + std::to_string(i));
     }
     struct stat st {};
