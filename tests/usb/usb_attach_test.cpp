@@ -1,9 +1,12 @@
 // Attach and detach of USB printers end to end: usbtab, printer.conf, the
-// driver notices on the simulated nodes, the Samba share, the locks.
+// driver notices on the simulated nodes, the Samba share, the locks; and the
+// printer enumerations over usbtab, the USB library and nptab.
 #include <gtest/gtest.h>
+#include <stdlib.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <future>
 #include <string>
 #include <thread>
@@ -14,6 +17,7 @@
 
 namespace {
 
+using Strings = std::vector<std::string>;
 const char *kUsbtab = "/tmp/usbtab";
 const char *kConf = "/usr/qora/etc/printer.conf";
 const char *kSmb = "/etc/samba/smb.reserved.conf";
@@ -46,7 +50,7 @@ TEST_F(UsbAttach, AttachWritesSectionNamedFromModelThenDescriptionThenUsbAndNoti
     for (const auto &c : cases) {
         SCOPED_TRACE(c.control);
         usbrig::clear_library_files();
-        usbrig::control(c.control.empty() ? "reset" : "reset\nlp0 " + c.control);
+        usbrig::control("reset\nlp0 " + c.control);
         usbrig::clear_events();
         qpt::LogCapture log;
         ASSERT_EQ(0, QORAPrinterEnableExt(1, "lp0", "1-1"));
@@ -54,11 +58,10 @@ TEST_F(UsbAttach, AttachWritesSectionNamedFromModelThenDescriptionThenUsbAndNoti
                       "\n\tmode = usbip\n" + (c.stringid.empty() ? "" : "\tusblp string id = " + c.stringid + "\n"),
                   usbrig::section_text(kConf, kId));
         EXPECT_EQ(c.stringid.empty() ? 1u : 0u, log.count(LOG_ERR, "Bad parameter")) << log.dump();
-        EXPECT_EQ(c.stringid.empty() ? 0u : 1u, usbrig::count_event("lp0 ENABLE 0"));
+        EXPECT_EQ(c.stringid.empty() ? 0u : 1u, usbrig::count_event("lp0 ENABLE"));
     }
     // Device ID read first, under the lock; the notice after the write.
-    EXPECT_EQ((std::vector<std::string>{"lp0 open", "lp0 GET_DEVICE_ID", "lp0 close", "lp0 open", "lp0 ENABLE 0",
-                                        "lp0 close"}),
+    EXPECT_EQ((Strings{"lp0 open", "lp0 GET_DEVICE_ID", "lp0 close", "lp0 open", "lp0 ENABLE", "lp0 close"}),
               usbrig::events());
     EXPECT_EQ("lp0=\"1-1\"\n", qpt::read_file(kUsbtab));
     // Detach leaves the section and the share for the next attach.
@@ -68,7 +71,7 @@ TEST_F(UsbAttach, AttachWritesSectionNamedFromModelThenDescriptionThenUsbAndNoti
     EXPECT_EQ("", qpt::read_file(kUsbtab));
     EXPECT_EQ(conf, qpt::read_file(kConf));
     EXPECT_EQ(share, usbrig::section_text(kSmb, "printers"));
-    EXPECT_EQ(1u, usbrig::count_event("lp0 DISABLE 0"));
+    EXPECT_EQ(1u, usbrig::count_event("lp0 DISABLE"));
 }
 
 TEST_F(UsbAttach, ReattachKeepsStoredSettingsAndSwitchesLprToUsbip) {
@@ -118,13 +121,13 @@ TEST_F(UsbAttach, DetachByBusIdRemovesPrefixMatchesOfLpLinesOnly) {
     qpt::write_file(kUsbtab, "lp0=\"3-1\"\nlp1=\"3-1.4\"\n");  // with a name the bus ID still decides
     ASSERT_EQ(0, QORAPrinterEnableExt(0, "lp1", "3-1"));
     EXPECT_EQ("", qpt::read_file(kUsbtab));
-    EXPECT_EQ(1u, usbrig::count_event("lp1 DISABLE 0"));
+    EXPECT_EQ(1u, usbrig::count_event("lp1 DISABLE"));
     // An empty bus ID is no prefix of everything: removal by name.  A busy node gets no notice.
     qpt::write_file(kUsbtab, "lp0=\"3-1\"\nlp1=\"3-2\"\n");
     usbrig::control("lp0 busy=1");
     ASSERT_EQ(0, QORAPrinterEnableExt(0, "lp0", ""));
     EXPECT_EQ("lp1=\"3-2\"\n", qpt::read_file(kUsbtab));
-    EXPECT_EQ(0u, usbrig::count_event("lp0 DISABLE 0"));
+    EXPECT_EQ(0u, usbrig::count_event("lp0 DISABLE"));
 }
 
 // A failed step stops what follows, but an unwritable share still lets the printer attach.
@@ -152,7 +155,7 @@ TEST_F(UsbAttach, FailedStepStopsWhatFollows) {
         const bool shared = c.blocked == kSmb;  // only the share step comes after the section and the notice
         EXPECT_EQ(shared, !qpt::read_file(kConf).empty());
         EXPECT_EQ(shared, qpt::exists(kSmb));
-        EXPECT_EQ(shared ? 1u : 0u, usbrig::count_event(std::string(c.name) + (c.action ? " ENABLE 0" : " DISABLE 0")));
+        EXPECT_EQ(shared ? 1u : 0u, usbrig::count_event(std::string(c.name) + (c.action ? " ENABLE" : " DISABLE")));
         if (c.blocked) rmdir(c.blocked);
     }
 }
@@ -171,15 +174,61 @@ TEST_F(UsbAttach, UsbIdMapLockIsTakenBeforeTheConfigurationLock) {
 }
 
 // Costs the full 15 s wait.
-TEST_F(UsbAttach, MapLockHeldElsewhereFailsWithoutWriting) {
+TEST_F(UsbAttach, MapLockHeldElsewhereFailsAfterFifteenSecondsWithoutWriting) {
     std::thread([] { ASSERT_EQ(0, QLIBCFileLock(LOCK_USBIDMAP | LOCK_MODE_EX_WAIT, 1)); }).join();
     qpt::LogCapture log;
+    const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(-1, QORAPrinterEnableExt(1, "lp0", "1-1"));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(14));
     EXPECT_EQ(ERR_LOCK_FAILED, QLIBCErrGet());
     EXPECT_STREQ("printer_enable_ext.cpp", QLIBCErrorGetFile());
     EXPECT_EQ(1u, log.count(LOG_ERR, "QLIBCFileLock() failed.")) << log.dump();
     EXPECT_EQ(0, QLIBCFileUnlock(LOCK_USBIDMAP));
     EXPECT_FALSE(qpt::exists(kUsbtab) || qpt::exists(kConf));
+}
+
+Strings items(PQLIBSZLIST list) {
+    Strings out;
+    for (int i = 0; list && i < list->nItem; ++i) out.push_back(QLIBCSzListGet(list, i));
+    return out;
+}
+
+TEST_F(UsbAttach, OnlyPrintersWithAnIdAreListedUsbFirstAndAFailedSourceHandsOutNoList) {
+    usbrig::add_device({.busid = "1-3", .vendor = "0781", .product = "5567", .serial = "DISK", .iface_class = "08"});
+    usbrig::add_device({.busid = "1-4", .serial = ""});
+    qpt::write_file(kUsbtab, "lp3=\"1-1\"\nlp1=\"1-3\"\nlp2=\"1-4\"\nlp0=\"1-2\"\n");
+    qpt::write_file("/usr/qora/etc/nptab", "192.168.1.20=\"Office\"\n");
+
+    char **names = static_cast<char **>(malloc(16));  // freed by the call (ASan would see a leak)
+    int count = -1;
+    ASSERT_EQ(0, QORAPrinterUsbtabEnum(&names, &count));
+    EXPECT_EQ((Strings{"lp3", "lp2", "lp0"}), Strings(names, names + count)) << "printers only, in usbtab order";
+    PQLIBSZLIST list = QLIBCSzListAlloc(4);
+    QLIBCSzListPush(&list, "old");  // the caller's old list is freed and replaced
+    ASSERT_EQ(3, QORAPrinterEnumCount(3, &list));
+    EXPECT_EQ((Strings{"04a9:1827:A1B2C3", "03f0:002a:XZ9", "192.168.1.20-Office"}), items(list));
+    ASSERT_EQ(0, QORAPrinterEnumCount(0, &list));
+    EXPECT_EQ(2, QORAPrinterEnumCount(1, nullptr));
+    // The ID enumeration appends to what the caller's list holds.
+    ASSERT_EQ(0, QORAPrinterProcUsbtabIdEnum(&list));
+    ASSERT_EQ(0, QORAPrinterProcUsbtabIdEnum(&list));
+    EXPECT_EQ(4, list->nItem);
+
+    qpt::write_file("/usr/qora/etc/nptab", "192.168.1.20=\"Q\"\n# comment\n");
+    PQLIBSZLIST before = list;
+    qpt::LogCapture log;
+    EXPECT_EQ(-1, QORAPrinterEnumCount(3, &list));
+    EXPECT_EQ(before, list);
+    EXPECT_EQ(4, list->nItem);
+    EXPECT_EQ(1u, log.count(LOG_ERR, "enum network printer id failed[0x")) << log.dump();
+    QLIBCSzListFree(list);
+
+    qpt::remove_file(kUsbtab);  // a missing usbtab is an empty one
+    ASSERT_EQ(0, QORAPrinterUsbtabEnum(&names, &count));
+    EXPECT_EQ(0, count);
+    free(names);
+    EXPECT_EQ(-1, QORAPrinterUsbtabEnum(&names, nullptr));
+    EXPECT_EQ(ERR_BAD_PARAMETER, QLIBCErrGet());
 }
 
 }  // namespace
