@@ -1,6 +1,6 @@
 // Attach and detach of USB printers end to end: usbtab, printer.conf, the
-// driver notices on the simulated nodes, the Samba share, the locks; and the
-// printer enumerations over usbtab, the USB library and nptab.
+// driver notices on the simulated nodes, the Samba share, the locks; the
+// printer enumerations over usbtab, the USB library and nptab; USB/IP.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <syslog.h>
@@ -22,6 +22,14 @@ const char *kUsbtab = "/tmp/usbtab";
 const char *kConf = "/usr/qora/etc/printer.conf";
 const char *kSmb = "/etc/samba/smb.reserved.conf";
 const char *kId = "04a9:1827:A1B2C3";
+const char *kStatus = "/tmp/usbip_1-1";
+
+// One key of a printer.conf section, "" when missing.
+std::string conf_value(const std::string &section, const char *key) {
+    char buf[256] = "";
+    QLIBCFileGetSectionValue(kConf, section.c_str(), key, buf, sizeof(buf));
+    return buf;
+}
 
 class UsbAttach : public ::testing::Test {
 protected:
@@ -56,7 +64,7 @@ TEST_F(UsbAttach, AttachWritesSectionNamedFromModelThenDescriptionThenUsbAndNoti
         ASSERT_EQ(0, QORAPrinterEnableExt(1, "lp0", "1-1"));
         EXPECT_EQ(std::string("[") + kId + "]\n\tproducer = Acme\n\tproduct name = " + c.product +
                       "\n\tmode = usbip\n" + (c.stringid.empty() ? "" : "\tusblp string id = " + c.stringid + "\n"),
-                  usbrig::section_text(kConf, kId));
+                  qpt::read_file(kConf));
         EXPECT_EQ(c.stringid.empty() ? 1u : 0u, log.count(LOG_ERR, "Bad parameter")) << log.dump();
         EXPECT_EQ(c.stringid.empty() ? 0u : 1u, usbrig::count_event("lp0 ENABLE"));
     }
@@ -65,12 +73,12 @@ TEST_F(UsbAttach, AttachWritesSectionNamedFromModelThenDescriptionThenUsbAndNoti
               usbrig::events());
     EXPECT_EQ("lp0=\"1-1\"\n", qpt::read_file(kUsbtab));
     // Detach leaves the section and the share for the next attach.
-    std::string conf = qpt::read_file(kConf), share = usbrig::section_text(kSmb, "printers");
-    EXPECT_NE("", share);
+    const std::string conf = qpt::read_file(kConf), share = qpt::read_file(kSmb);
+    EXPECT_NE(std::string::npos, share.find("[printers]\n")) << share;
     ASSERT_EQ(0, QORAPrinterEnableExt(0, "lp0", nullptr));
     EXPECT_EQ("", qpt::read_file(kUsbtab));
     EXPECT_EQ(conf, qpt::read_file(kConf));
-    EXPECT_EQ(share, usbrig::section_text(kSmb, "printers"));
+    EXPECT_EQ(share, qpt::read_file(kSmb));
     EXPECT_EQ(1u, usbrig::count_event("lp0 DISABLE"));
 }
 
@@ -78,14 +86,14 @@ TEST_F(UsbAttach, ReattachKeepsStoredSettingsAndSwitchesLprToUsbip) {
     qpt::write_file(kConf, std::string("[") + kId + "]\n\tmode = LPR\n\tdriver = gutenprint\n"
                            "[03f0:002a:XZ9]\n\tmode = exclusive\n");
     ASSERT_EQ(0, QORAPrinterEnableExt(1, "lp0", "1-1"));
-    ASSERT_EQ(0, QORAPrinterEnableExt(1, "lp1", "1-2"));  // an LPR printer switches, other modes stay
-    const std::string first = usbrig::section_text(kConf, kId), second = usbrig::section_text(kConf, "03f0:002a:XZ9");
-    EXPECT_TRUE(first.find("\tmode = usbip\n") != first.npos && first.find("\tdriver = gutenprint\n") != first.npos);
-    EXPECT_NE(std::string::npos, second.find("\tmode = exclusive\n")) << second;
+    ASSERT_EQ(0, QORAPrinterEnableExt(1, "lp1", "1-2"));
+    EXPECT_EQ("usbip", conf_value(kId, "mode"));  // an LPR printer switches, other modes stay
+    EXPECT_EQ("gutenprint", conf_value(kId, "driver"));
+    EXPECT_EQ("exclusive", conf_value("03f0:002a:XZ9", "mode"));
     // A serial too long for the ID is cut with it.
     usbrig::add_device({.busid = "2-3", .serial = std::string(200, 's')});
     ASSERT_EQ(0, QORAPrinterEnableExt(1, "lp1", "2-3"));
-    EXPECT_NE("", usbrig::section_text(kConf, ("04a9:1827:" + std::string(200, 's')).substr(0, 127)));
+    EXPECT_EQ("usbip", conf_value(("04a9:1827:" + std::string(200, 's')).substr(0, 127), "mode"));
 }
 
 TEST_F(UsbAttach, RefusedCallsTouchNothing) {
@@ -170,7 +178,7 @@ TEST_F(UsbAttach, UsbIdMapLockIsTakenBeforeTheConfigurationLock) {
     EXPECT_NE(0, QLIBCFileLock(LOCK_USBIDMAP | LOCK_MODE_EX_WAIT, 1));
     EXPECT_EQ(1, QORAPrinterPrinterConfUnlock(conf));
     EXPECT_EQ(0, attach.get());
-    EXPECT_NE("", usbrig::section_text(kConf, kId));
+    EXPECT_EQ("usbip", conf_value(kId, "mode"));
 }
 
 // Costs the full 15 s wait.
@@ -229,6 +237,62 @@ TEST_F(UsbAttach, OnlyPrintersWithAnIdAreListedUsbFirstAndAFailedSourceHandsOutN
     free(names);
     EXPECT_EQ(-1, QORAPrinterUsbtabEnum(&names, nullptr));
     EXPECT_EQ(ERR_BAD_PARAMETER, QLIBCErrGet());
+}
+
+// USB/IP operations against a recording stand-in of the USB/IP tool and status files written here.
+TEST_F(UsbAttach, UsbipToolGetsItsArgumentsOneByOne) {
+    usbrig::install_bind_driver();
+    EXPECT_EQ(0, QORAPrinterUsbipEject("1-1"));
+    EXPECT_EQ(0, QORAPrinterUsbipLockRelease("04a9:1827:A B"));
+    qpt::write_file("/tmp/bind_driver.status", "3\n");
+    qpt::LogCapture log;
+    EXPECT_EQ(-1, QORAPrinterUsbipEject("1-1"));
+    EXPECT_EQ(-1, QORAPrinterUsbipLockRelease("1-1"));
+    EXPECT_EQ(1u, log.count(LOG_ERR, "release usb ap lock failed, cmd=/usr/bin/bind_driver -p 1-1 -0 0 -n USBIP"))
+        << log.dump();
+    QLIBCErrSetEx(0, "", 0);
+    EXPECT_EQ(-1, QORAPrinterUsbipLockRelease(nullptr));  // quietly refused, the tool not run
+    EXPECT_EQ(ERR_BAD_PARAMETER, QLIBCErrGet());
+    EXPECT_EQ(0u, log.count("Invaild Argument"));
+    EXPECT_EQ("-z|1-1\n-p|04a9:1827:A B|-0|0|-n|USBIP\n-z|1-1\n-p|1-1|-0|0|-n|USBIP\n",
+              qpt::read_file("/tmp/bind_driver.log"));
+}
+
+TEST_F(UsbAttach, UsbipStatusFileGivesLockAndQueueWithTheBracketGivingWayToCupsJobs) {
+    qpt::remove_file(kStatus);
+    char buf[128];
+    EXPECT_EQ(0, QORAPrinterUsbipGetLockStatus("1-1", buf, sizeof(buf)));
+    EXPECT_STREQ("Free", buf) << "no status file";
+    qpt::LogCapture log;
+    EXPECT_EQ(-1, QORAPrinterQueueGet("1-1", buf, sizeof(buf)));
+    EXPECT_EQ(1u, log.count(LOG_ERR, "get queue failed, printer=1-1"));
+    EXPECT_EQ(-1, QORAPrinterQueueGet("1-1", buf, 0));
+    EXPECT_EQ(1u, log.count(LOG_ERR, "Invaild Argument (0 < cbBuf)=[0]")) << log.dump();
+
+    struct Case { const char *value, *shown; bool message; };
+    const Case cases[] = {
+        {"usbprinter1 (2)", "usbprinter1 (CUPS Jobs)", false},
+        {"Busy (abcdefgh)", "Busy (CUPS Jobsgh)", false},
+        {"Waiting (paper", "Waiting (paper", true},
+        {"a) b (c", "a) b (CUPS Jobs", false},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.value);
+        qpt::write_file(kStatus, std::string("QUEUE=\"") + c.value + "\"\r\nLOCK=\"Locked by 10.0.0.7\"");
+        qpt::LogCapture log;
+        ASSERT_EQ(0, QORAPrinterQueueGet("1-1", buf, sizeof(buf)));
+        EXPECT_STREQ(c.shown, buf);
+        EXPECT_EQ(c.message ? 1u : 0u, log.count(LOG_ERR, "cannot refine printer queue name"));
+    }
+    EXPECT_EQ(0, QORAPrinterUsbipGetLockStatus("1-1", buf, 7));
+    EXPECT_STREQ("Locked", buf);
+
+    // Even root's own status file is read only up to 64 KiB: past that, an error.
+    ASSERT_EQ(0, truncate(kStatus, 64 << 10));
+    EXPECT_EQ(0, QORAPrinterUsbipGetLockStatus("1-1", buf, sizeof(buf)));
+    ASSERT_EQ(0, truncate(kStatus, (64 << 10) + 1));
+    EXPECT_EQ(-1, QORAPrinterUsbipGetLockStatus("1-1", buf, sizeof(buf)));
+    EXPECT_EQ(ERR_READ_FAILED, QLIBCErrGet());
 }
 
 }  // namespace

@@ -92,18 +92,4 @@ void clear_library_files() {
         qpt::remove_file(f);
 }
 
-std::string section_text(const std::string &file, const std::string &name) {
-    std::istringstream in(qpt::read_file(file));
-    std::string out;
-    bool inside = false;
-    for (std::string line; std::getline(in, line);) {
-        if (!line.empty() && line[0] == '[') {
-            if (inside) break;
-            inside = line == "[" + name + "]";
-        }
-        if (inside) out += line + "\n";
-    }
-    return out;
-}
-
 }  // namespace usbrig

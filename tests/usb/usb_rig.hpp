@@ -42,7 +42,4 @@ void install_bind_driver();
 // The library's files, removed between tests.
 void clear_library_files();
 
-// One section of a section file, "" when missing (header to the next header).
-std::string section_text(const std::string &file, const std::string &name);
-
 }  // namespace usbrig
