@@ -19,7 +19,7 @@ void setup();
 // Sends control lines to the simulated driver ("lp0 busy=2", "reset").
 void control(const std::string &lines);
 
-// Lines of the event log since the last clear ("lp0 open", "lp0 ENABLE 0").
+// Lines of the event log since the last clear ("lp0 open", "lp0 ENABLE").
 std::vector<std::string> events();
 void clear_events();
 // Number of event lines equal to the text.
