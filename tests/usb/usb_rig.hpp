@@ -30,10 +30,9 @@ struct Device {
     std::string vendor = "04a9";  // idVendor text ("" leaves the file out)
     std::string product = "1827";
     std::string serial = "A1B2C3";
-    std::string manufacturer = "Acme";
-    std::string name = "Laser USB";  // the "product" attribute
     std::string iface_class = "07";  // bInterfaceClass of <busid>:1.0
 };
+// Every device's maker is "Acme", its product name "Laser USB".
 void add_device(const Device &d);
 
 // Installs the recording stand-in at /usr/bin/bind_driver.
