@@ -1,9 +1,7 @@
 #include "usb_rig.hpp"
 
-#include <fcntl.h>
 #include <sys/mount.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -47,14 +45,7 @@ void setup() {
     clear_library_files();
 }
 
-void control(const std::string &lines) {
-    int fd = open("/dev/usb/control", O_WRONLY | O_CLOEXEC);
-    if (fd < 0) die("cannot open the control node");
-    std::string text = lines + "\n";
-    ssize_t n = write(fd, text.data(), text.size());
-    close(fd);
-    if (n != static_cast<ssize_t>(text.size())) die("control refused: " + lines);
-}
+void control(const std::string &lines) { qpt::write_file("/dev/usb/control", lines + "\n"); }
 
 std::vector<std::string> events() {
     std::vector<std::string> out;

@@ -16,7 +16,8 @@ inline constexpr const char *kSysfs = "/sys/bus/usb/devices";
 // nodes to their defaults, clears the event log and the fake devices.
 void setup();
 
-// Sends control lines to the simulated driver ("lp0 busy=2", "reset").
+// Sends control lines to the simulated driver ("lp0 busy=2", "reset"); a
+// line it refuses fails the test.
 void control(const std::string &lines);
 
 // Lines of the event log since the last clear ("lp0 open", "lp0 ENABLE").
