@@ -31,6 +31,7 @@
 #include <fcntl.h>
 #include <fuse.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
