@@ -105,7 +105,7 @@ show qoraprinter list --net
 say ""
 say "USB/IP sharing: a stand-in for /usr/bin/bind_driver records its arguments; the"
 say "printer's status file is the USB/IP side's:"
-cp "$bin/qp-fake-bind-driver" /usr/bin/bind_driver
+install -m 0755 "$QP_SOURCE_DIR/tests/usb/fake_bind_driver.sh" /usr/bin/bind_driver
 printf 'LOCK="Locked by 10.0.0.7"\nQUEUE="usbprinter1 (2)"\n' >"/tmp/usbip_$id0"
 show qoraprinter usbip status "$id0"
 show qoraprinter usbip queue "$id0"

@@ -1,10 +1,9 @@
 #include "usb_rig.hpp"
 
-#include <fcntl.h>
 #include <sys/mount.h>
 #include <syslog.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -21,13 +20,12 @@ namespace {
     abort();
 }
 
-bool g_started = false;
-
 }  // namespace
 
 void setup() {
+    static bool started = false;
     if (!qpt::in_sandbox()) die("must run inside qp-sandbox");
-    if (!g_started) {
+    if (!started) {
         // The syslog socket stays open once used; open it now so that it
         // does not count as a descriptor leak of the first call that logs.
         openlog(nullptr, LOG_NDELAY, LOG_USER);
@@ -37,10 +35,9 @@ void setup() {
         if (mount("tmpfs", where, "tmpfs", 0, "mode=0755") != 0) die(std::string("cannot mount a tmpfs on ") + where);
         qpt::mkdirs(kSysfs);
         qpt::mkdirs("/dev/usb");
-        qpt::write_file(kEventLog, "");
         qpt::start({qpt::bin_path("qp-usbdev"), "/dev/usb", kEventLog});
         if (!qpt::wait_until([] { return qpt::exists("/dev/usb/control"); }, 5000)) die("qp-usbdev did not mount");
-        g_started = true;
+        started = true;
     }
     control("reset");
     clear_events();
@@ -48,14 +45,7 @@ void setup() {
     clear_library_files();
 }
 
-void control(const std::string &lines) {
-    int fd = open("/dev/usb/control", O_WRONLY | O_CLOEXEC);
-    if (fd < 0) die("cannot open the control node");
-    std::string text = lines + "\n";
-    ssize_t n = write(fd, text.data(), text.size());
-    close(fd);
-    if (n != static_cast<ssize_t>(text.size())) die("control refused: " + lines);
-}
+void control(const std::string &lines) { qpt::write_file("/dev/usb/control", lines + "\n"); }
 
 std::vector<std::string> events() {
     std::vector<std::string> out;
@@ -64,30 +54,21 @@ std::vector<std::string> events() {
     return out;
 }
 
-void clear_events() {
-    if (truncate(kEventLog, 0) != 0) die("cannot clear the event log");
-}
+void clear_events() { qpt::write_file(kEventLog, ""); }
 
 size_t count_event(const std::string &line) {
-    size_t n = 0;
-    for (const auto &e : events()) n += e == line;
-    return n;
+    const std::vector<std::string> all = events();
+    return static_cast<size_t>(std::count(all.begin(), all.end(), line));
 }
 
 void add_device(const Device &d) {
-    std::string dir = std::string(kSysfs) + "/" + d.busid;
-    qpt::mkdirs(dir);
-    auto attr = [&](const std::string &name, const std::string &value) {
+    const std::string dir = std::string(kSysfs) + "/" + d.busid;
+    const std::pair<const char *, std::string> attrs[] = {
+        {"idVendor", d.vendor}, {"idProduct", d.product}, {"serial", d.serial},
+        {"manufacturer", "Acme"}, {"product", "Laser USB"}};
+    for (const auto &[name, value] : attrs)
         if (!value.empty()) qpt::write_file(dir + "/" + name, value + "\n");
-    };
-    attr("idVendor", d.vendor);
-    attr("idProduct", d.product);
-    attr("serial", d.serial);
-    attr("manufacturer", d.manufacturer);
-    attr("product", d.name);
-    std::string iface = dir + "/" + d.busid + ":1.0";
-    qpt::mkdirs(iface);
-    qpt::write_file(iface + "/bInterfaceClass", d.iface_class + "\n");
+    qpt::write_file(dir + "/" + d.busid + ":1.0/bInterfaceClass", d.iface_class + "\n");
 }
 
 void install_bind_driver() {
@@ -100,20 +81,6 @@ void clear_library_files() {
     for (const char *f : {"/tmp/usbtab", "/usr/qora/etc/printer.conf", "/usr/qora/etc/nptab",
                           "/etc/samba/smb.reserved.conf"})
         qpt::remove_file(f);
-}
-
-std::string section_text(const std::string &file, const std::string &name) {
-    std::istringstream in(qpt::read_file(file));
-    std::string out;
-    bool inside = false;
-    for (std::string line; std::getline(in, line);) {
-        if (!line.empty() && line[0] == '[') {
-            if (inside) break;
-            inside = line == "[" + name + "]";
-        }
-        if (inside) out += line + "\n";
-    }
-    return out;
 }
 
 }  // namespace usbrig

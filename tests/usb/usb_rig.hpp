@@ -16,10 +16,11 @@ inline constexpr const char *kSysfs = "/sys/bus/usb/devices";
 // nodes to their defaults, clears the event log and the fake devices.
 void setup();
 
-// Sends control lines to the simulated driver ("lp0 busy=2", "reset").
+// Sends control lines to the simulated driver ("lp0 busy=2", "reset"); a
+// line it refuses fails the test.
 void control(const std::string &lines);
 
-// Lines of the event log since the last clear ("lp0 open", "lp0 ENABLE 0").
+// Lines of the event log since the last clear ("lp0 open", "lp0 ENABLE").
 std::vector<std::string> events();
 void clear_events();
 // Number of event lines equal to the text.
@@ -30,10 +31,9 @@ struct Device {
     std::string vendor = "04a9";  // idVendor text ("" leaves the file out)
     std::string product = "1827";
     std::string serial = "A1B2C3";
-    std::string manufacturer = "Acme";
-    std::string name = "Laser USB";  // the "product" attribute
     std::string iface_class = "07";  // bInterfaceClass of <busid>:1.0
 };
+// Every device's maker is "Acme", its product name "Laser USB".
 void add_device(const Device &d);
 
 // Installs the recording stand-in at /usr/bin/bind_driver.
@@ -41,8 +41,5 @@ void install_bind_driver();
 
 // The library's files, removed between tests.
 void clear_library_files();
-
-// One section of a section file, "" when missing (header to the next header).
-std::string section_text(const std::string &file, const std::string &name);
 
 }  // namespace usbrig
