@@ -108,6 +108,12 @@ TEST(AttackerPlatform, MachineUnchangedAndEveryCallReturnsInTime) {
         {"usbtab of 1 GiB of the user",
          as_nobody([] { return own_file(kUsbtab, "lp0=\"1-1\"\n")() && truncate(kUsbtab, 1L << 30) == 0; }),
          usbtab_absent_then_replaced},
+        // (Where hard links to others' files are not refused by the kernel.)
+        {"usbtab hard link to a root file", [] {
+             qpt::write_file("/tmp/qp-roots", "lp0=\"1-1\"\n");
+             return link("/tmp/qp-roots", kUsbtab) == 0;
+         },
+         usbtab_absent_then_replaced},
         {"usbtab of 1 GiB of root's", nothing, [] {
              char buf[64];
              qpt::write_file(kUsbtab, "lp0=\"1-1\"\n");
@@ -133,11 +139,11 @@ TEST(AttackerPlatform, MachineUnchangedAndEveryCallReturnsInTime) {
                     QLIBCFileSetSectionValue(kConf, "P1", "k", "2") == 0 &&
                     QLIBCFileLockByFile("/tmp/qp-lock", 1, &fd) < 0;  // no lock where others can write
          }},
-        // Services: a process merely named like a daemon does not count.
-        {"daemon look-alikes", [] { return look_alike("cupsd") && look_alike("avahi-daemon"); },
+        // Services: a process of the user merely named like a daemon does not count.
+        {"daemon look-alikes", [] { return look_alike("cupsd") && look_alike("avahi-daemon") && look_alike("qpd"); },
          [] {
              return QLIBServiceIsRunning("cupsd") == 0 && QLIBCIsProcAlive("cupsd") == 0 &&
-                    QLIBCIsProcAlive("avahi-daemon") == 0;
+                    QLIBCIsProcAlive("avahi-daemon") == 0 && QLIBCIsProcAlive("qpd") == 0;
          }},
         // Programs: what the caller left open or ignored does not reach or fool them.
         {"inherited descriptor", nothing, [] {
@@ -191,7 +197,7 @@ TEST(AttackerPlatform, MachineUnchangedAndEveryCallReturnsInTime) {
 
         for (pid_t pid : g_holders) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
         g_holders.clear();
-        for (const char *p : {kUsbtab, "/tmp/.usbtab.lock", "/tmp/cupsd", "/tmp/avahi-daemon", "/tmp/qp-ran"})
+        for (const char *p : {kUsbtab, "/tmp/.usbtab.lock", "/tmp/cupsd", "/tmp/avahi-daemon", "/tmp/qpd", "/tmp/qp-ran", "/tmp/qp-roots"})
             unlink(p);
     }
 }

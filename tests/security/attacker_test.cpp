@@ -4,7 +4,6 @@
 // its own, so a call that blocks is killed at the time bound) that must
 // return in time with the expected answer; and every watched path outside the
 // library's own files must be exactly as before.
-#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
@@ -111,11 +110,13 @@ TEST(Attacker, MachineUnchangedAndEveryCallReturnsInTime) {
         return QORAPrinterUsbipGetLockStatus("P1", lock, sizeof lock) == 0 && strcmp(lock, "Free") == 0 &&
                QORAPrinterQueueGet("P1", queue, sizeof queue) == -1;
     };
-    const Step huge_status = [] {
-        const std::string tail = "\nLOCK=\"Locked by 10.0.0.7\"\n";
-        const int fd = open("/tmp/usbip_P1", O_WRONLY | O_CREAT | O_EXCL, 0644);
-        const bool ok = fd >= 0 && pwrite(fd, tail.data(), tail.size(), 256 << 20) > 0;
-        return close(fd) == 0 && ok;
+    const std::string lock_line = "LOCK=\"Locked by 10.0.0.7\"\nQUEUE=\"q\"\n";
+    // Root's own status file of 256 MiB is not read, whatever it holds first.
+    const Step huge_status_refused = [&] {
+        char lock[64];
+        qpt::write_file("/tmp/usbip_P1", lock_line);
+        return truncate("/tmp/usbip_P1", 256 << 20) == 0 && QORAPrinterUsbipGetLockStatus("P1", lock, sizeof lock) == -1 &&
+               QLIBCErrGet() == ERR_READ_FAILED;
     };
     // A scheduler file in which a 1023-byte piece of a long Info line ends
     // right before text that looks like a USB queue's header.
@@ -132,7 +133,8 @@ TEST(Attacker, MachineUnchangedAndEveryCallReturnsInTime) {
         {"usbtab FIFO, attach", fifo("/tmp/usbtab"), attach, {}},
         {"status FIFO", fifo("/tmp/usbip_P1"), status_free, {}},
         {"status link to a root-only file", link_to("/tmp/usbip_P1", kSecret), status_free, {}},
-        {"status file of 256 MiB", huge_status, status_free, {}},
+        {"status file of the user", own_file("/tmp/usbip_P1", lock_line), status_free, {}},
+        {"status file of 256 MiB", nothing, huge_status_refused, {}},
         // Names, addresses and files that would become paths or options; wildcards.
         {"names as paths, addresses as options", fifo("/tmp/qp-fifo"), names_refused,
          {"/etc/qpx.ppd", qpcups::kPpdDir, "/etc/qpn.ppd", kSnmpLog, "/tmp/bind_driver.log"}},
