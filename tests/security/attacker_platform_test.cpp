@@ -149,11 +149,7 @@ TEST(AttackerPlatform, MachineUnchangedAndEveryCallReturnsInTime) {
         {"inherited descriptor", nothing, [] {
              const int fd = open(kTarget.c_str(), O_RDONLY);  // not close-on-exec
              const std::string self = "/proc/self/fd/" + std::to_string(fd);
-             FILE *fp = QLIBCPopen("/usr/bin/readlink", "r", self.c_str(), nullptr);
-             char line[256] = "";
-             const bool seen = fp && fgets(line, sizeof line, fp) != nullptr;
-             return fp && !seen && QLIBCPclose(fp) == 1 &&
-                    QLIBCExec("/usr/bin/test", "-e", self.c_str(), nullptr, nullptr) == 1;
+             return QLIBCExec("/usr/bin/test", "-e", self.c_str(), nullptr, nullptr) == 1;
          }},
         {"SIGCHLD ignored", nothing, [] {
              signal(SIGCHLD, SIG_IGN);
