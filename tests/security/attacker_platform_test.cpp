@@ -30,47 +30,40 @@ const char *kUsbtab = "/tmp/usbtab";
 const char *kConf = "/usr/qora/etc/printer.conf";
 std::vector<pid_t> g_holders;  // planted processes, killed after each row
 
-// Starts a process of 65534 that keeps running for the row, after `setup`
-// (false: it gives up) and then, if given, as the program `exec`.  True
-// once it reported back.
-bool background(const Step &setup, const std::vector<std::string> &exec = {}) {
+// As 65534, for the rest of the row: an flock on each path it can open
+// (creating those in /tmp).  True once the holder reported back.
+bool hold_locks(const std::vector<const char *> &paths) {
     int ready[2];
     if (pipe(ready) != 0) return false;
     const pid_t pid = fork();
     if (pid == 0) {
-        close(ready[0]);
         drop_to_nobody();
-        char ok = setup() ? 1 : 0;
-        if (ok && !exec.empty()) {
-            fcntl(ready[1], F_SETFD, FD_CLOEXEC);  // closed by the exec: ready
-            std::vector<char *> argv;
-            for (const auto &a : exec) argv.push_back(const_cast<char *>(a.c_str()));
-            argv.push_back(nullptr);
-            execv(argv[0], argv.data());
-            ok = 0;
-        }
-        (void)!write(ready[1], &ok, 1);
-        if (ok) pause();
+        for (const char *p : paths) flock(open(p, O_RDONLY | O_CREAT | O_NONBLOCK, 0666), LOCK_EX | LOCK_NB);
+        (void)!write(ready[1], "!", 1);
+        pause();
         _exit(0);
     }
-    close(ready[1]);
     g_holders.push_back(pid);
-    char ok = 1;  // after an exec nothing is written: EOF means it runs
-    const bool answered = read(ready[0], &ok, 1) >= 0;
+    close(ready[1]);
+    char ok = 0;
+    const bool answered = read(ready[0], &ok, 1) == 1;
     close(ready[0]);
-    return answered && ok;
+    return answered;
+}
+
+// As 65534, for the rest of the row: a copy of /bin/sleep runs under a daemon's name.
+bool look_alike(const char *name) {
+    const std::string copy = std::string("/tmp/") + name, comm = std::string(name) + "\n";
+    if (!std::filesystem::copy_file("/bin/sleep", copy)) return false;
+    const pid_t pid = qpt::start({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", copy, "60"});
+    if (pid <= 0) return false;
+    g_holders.push_back(pid);
+    return qpt::wait_until([&] { return qpt::read_file("/proc/" + std::to_string(pid) + "/comm") == comm; });
 }
 
 // As 65534: plant in a child that ends with it.
 Step as_nobody(const Step &f) {
     return [=] { return in_child(f, true) == 0; };
-}
-
-// As 65534: a copy of /bin/sleep runs under a daemon's name.
-bool look_alike(const char *name) {
-    const std::string copy = std::string("/tmp/") + name;
-    return background([=] { return std::filesystem::copy_file("/bin/sleep", copy) && chmod(copy.c_str(), 0755) == 0; },
-                      {copy, "60"});
 }
 
 int usb_count() {
@@ -120,16 +113,11 @@ TEST(AttackerPlatform, MachineUnchangedAndEveryCallReturnsInTime) {
              return truncate(kUsbtab, 1L << 30) == 0 && QLIBCFileGetKeyValue(kUsbtab, "lp0", buf, sizeof buf, 0) < 0 &&
                     QLIBCErrGet() == ERR_READ_FAILED && usb_count() == 0;
          }},
-        // Locks: the user holds an flock on whatever lock file it can open (or create in /tmp).
+        // Locks: the user holds whatever lock file it can open.
         {"lock holder",
          [] {
-             return background([] {
-                 for (const char *p : {"/run/qorasdk/lock/lock_printer", "/run/qorasdk/lock/lock_usbidmap",
-                                       "/tmp/.usbtab.lock", "/run/qorasdk/lock/rewrite%2Ftmp%2Fusbtab",
-                                       "/usr/qora/etc/.printer.conf.lock"})
-                     flock(open(p, O_RDONLY | O_CREAT | O_NONBLOCK, 0666), LOCK_EX | LOCK_NB);
-                 return true;
-             });
+             return hold_locks({"/run/qorasdk/lock/lock_printer", "/run/qorasdk/lock/lock_usbidmap", "/tmp/.usbtab.lock",
+                                "/run/qorasdk/lock/rewrite%2Ftmp%2Fusbtab", "/usr/qora/etc/.printer.conf.lock"});
          },
          [] {
              int fd = -1;
