@@ -18,7 +18,10 @@ lib=$(find "$prefix" -name libqoraprinter.so -printf '%h\n')
 # that the library needs are found through its RUNPATH.
 export PKG_CONFIG_PATH=$lib/pkgconfig
 read -ra flags < <(pkg-config --cflags --libs qoraprinter)
-"$cc" -std=c99 -Wall -Werror "${extra[@]}" "$src/caller.c" -o "$work/caller-pc" "${flags[@]}"
+"$cc" -std=c99 -Wall -Wextra -Werror -pedantic "${extra[@]}" "$src/caller.c" -o "$work/caller-pc" "${flags[@]}"
+# The header is C++ too.
+read -ra cflags < <(pkg-config --cflags qoraprinter)
+"$cc" -x c++ -std=c++20 -Wall -Wextra -Werror -pedantic -fsyntax-only "${cflags[@]}" "$src/caller.c"
 out=$(LD_LIBRARY_PATH=$lib "$work/caller-pc")
 [ "$out" = "Laser 100" ] || { echo "pkg-config caller printed '$out'"; exit 1; }
 
