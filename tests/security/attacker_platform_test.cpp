@@ -116,8 +116,9 @@ TEST(AttackerPlatform, MachineUnchangedAndEveryCallReturnsInTime) {
         // Locks: the user holds whatever lock file it can open.
         {"lock holder",
          [] {
-             return hold_locks({"/run/qorasdk/lock/lock_printer", "/run/qorasdk/lock/lock_usbidmap", "/tmp/.usbtab.lock",
-                                "/run/qorasdk/lock/rewrite%2Ftmp%2Fusbtab", "/usr/qora/etc/.printer.conf.lock"});
+             return hold_locks({"/run/qorasdk/lock/lock_printer", "/run/qorasdk/lock/lock_usbidmap",
+                                "/tmp/.usbtab.lock", "/run/qorasdk/lock/rewrite%2Ftmp%2Fusbtab",
+                                "/usr/qora/etc/.printer.conf.lock"});
          },
          [] {
              int fd = -1;
@@ -181,7 +182,8 @@ TEST(AttackerPlatform, MachineUnchangedAndEveryCallReturnsInTime) {
 
         for (pid_t pid : g_holders) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
         g_holders.clear();
-        for (const char *p : {kUsbtab, "/tmp/.usbtab.lock", "/tmp/cupsd", "/tmp/avahi-daemon", "/tmp/qpd", "/tmp/qp-ran", "/tmp/qp-roots"})
+        for (const char *p : {kUsbtab, "/tmp/.usbtab.lock", "/tmp/cupsd", "/tmp/avahi-daemon", "/tmp/qpd",
+                              "/tmp/qp-ran", "/tmp/qp-roots"})
             unlink(p);
     }
 }

@@ -115,8 +115,8 @@ TEST(Attacker, MachineUnchangedAndEveryCallReturnsInTime) {
     const Step huge_status_refused = [&] {
         char lock[64];
         qpt::write_file("/tmp/usbip_P1", lock_line);
-        return truncate("/tmp/usbip_P1", 256 << 20) == 0 && QORAPrinterUsbipGetLockStatus("P1", lock, sizeof lock) == -1 &&
-               QLIBCErrGet() == ERR_READ_FAILED;
+        return truncate("/tmp/usbip_P1", 256 << 20) == 0 &&
+               QORAPrinterUsbipGetLockStatus("P1", lock, sizeof lock) == -1 && QLIBCErrGet() == ERR_READ_FAILED;
     };
     // A scheduler file in which a 1023-byte piece of a long Info line ends
     // right before text that looks like a USB queue's header.

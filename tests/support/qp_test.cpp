@@ -238,7 +238,8 @@ std::vector<LogLine> LogCapture::lines() {
 // Severity -1: any.
 size_t LogCapture::count(int severity, std::string_view text) {
     size_t n = 0;
-    for (const LogLine &l : lines()) n += (severity < 0 || l.severity == severity) && l.text.find(text) != std::string::npos;
+    for (const LogLine &l : lines())
+        n += (severity < 0 || l.severity == severity) && l.text.find(text) != std::string::npos;
     return n;
 }
 
