@@ -130,6 +130,9 @@ TEST(Attacker, MachineUnchangedAndEveryCallReturnsInTime) {
         // Names, addresses and files that would become paths or options; wildcards.
         {"names as paths, addresses as options", fifo("/tmp/qp-fifo"), names_refused,
          {"/etc/qpx.ppd", qpcups::kPpdDir, "/etc/qpn.ppd", kSnmpLog, "/tmp/bind_driver.log"}},
+        {"PPD file named like an option", own_file("/tmp/-v", qpt::read_file(qpcups::kPpdGeneric)),
+         [] { return QORAPrinterCupsAdd("P9", "-v") == 0; }, {},
+         [] { return qpt::read_file("/etc/cups/ppd/P9.ppd") == qpt::read_file(qpcups::kPpdGeneric); }},
         {"wildcard printer ID", [] { return own_file("/tmp/alpha1", "")() && own_file("/tmp/alpha2", "")(); },
          [] { return QORAPrinterUsbipEject("alpha*") == 0; }, {},
          [] { return qpt::read_file("/tmp/bind_driver.log") == "-z|alpha*\n"; }},
@@ -160,7 +163,7 @@ TEST(Attacker, MachineUnchangedAndEveryCallReturnsInTime) {
         for (size_t i = 0; i < row.watched.size(); ++i) EXPECT_EQ(state(row.watched[i]), before[i]) << row.watched[i];
         EXPECT_TRUE(row.after()) << "after the call";
 
-        for (const char *p : {"/tmp/usbtab", "/tmp/usbip_P1", "/tmp/alpha1", "/tmp/alpha2", "/tmp/qp-fifo",
+        for (const char *p : {"/tmp/usbtab", "/tmp/usbip_P1", "/tmp/alpha1", "/tmp/alpha2", "/tmp/qp-fifo", "/tmp/-v",
                               "/etc/qpx.ppd", "/etc/qpn.ppd", kSnmpLog})
             unlink(p);
     }
