@@ -1,8 +1,10 @@
-/* A consumer of the installed library: it links and runs. */
+/* A consumer of the installed library: it links and runs.  The public
+ * header comes first (it pulls in what it needs) and twice (its guard holds). */
+#include <qoraprinter.h>
+#include <qoraprinter.h>
+
 #include <stdio.h>
 #include <string.h>
-
-#include <qoraprinter.h>
 
 int main(void) {
     char szStringId[] = "MFG:ACME;MDL:Laser 100;";

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <time.h>
 
 #include <string>
 #include <string_view>
@@ -31,10 +32,10 @@ struct LogLine {
 
 class LogCapture {
 public:
-    LogCapture();
+    LogCapture() { reset(); }
     std::vector<LogLine> lines();
-    // Number of lines (since construction) containing the text.
-    size_t count(std::string_view text);
+    // Number of lines (since construction) containing the text, of any or of one severity.
+    size_t count(std::string_view text) { return count(-1, text); }
     size_t count(int severity, std::string_view text);
     // Whole log since construction, one line per message, for failure output.
     std::string dump();
@@ -42,7 +43,7 @@ public:
     void reset();
 
 private:
-    off_t start_;
+    off_t start_ = 0;
 };
 
 // ---- files ----------------------------------------------------------------------
@@ -64,18 +65,24 @@ struct RunResult {
 // Runs argv[0] (absolute path) with posix_spawn, stdin from the given text.
 RunResult run(const std::vector<std::string> &argv, std::string_view input = {});
 
-// Starts a background program; returns its pid (reaped with stop()).
+// Starts a background program in a process group of its own; returns its
+// pid.  stop() ends the group and reaps the program.
 pid_t start(const std::vector<std::string> &argv);
 void stop(pid_t pid, int sig = 15);
 
-// Polls cond every few ms until true or timeout; returns the last result.
+// Polls cond every 5 ms until true or timeout; returns the last result.
 template <class F>
-bool wait_until(F &&cond, int timeout_ms = 5000);
+bool wait_until(F &&cond, int timeout_ms = 5000) {
+    const struct timespec step = {0, 5 * 1000 * 1000};
+    for (int waited = 0; !cond(); waited += 5) {
+        if (waited >= timeout_ms) return cond();
+        nanosleep(&step, nullptr);
+    }
+    return true;
+}
 
 // Path of a built program (the build's bin/ directory) and of a source file.
 std::string bin_path(std::string_view name);
 std::string source_path(std::string_view relative);
 
 }  // namespace qpt
-
-#include "qp_test_wait.hpp"
