@@ -1,8 +1,8 @@
 // A private CUPS scheduler for tests that run inside the sandbox.
 //
-// install() runs qp-cupsd-setup (cupsd_setup.sh): the configuration for the
-// real /usr/sbin/cupsd at its default place in the sandbox's /etc/cups, so a
-// plain "/usr/sbin/cupsd" (as the library starts it) uses it too.
+// start() first runs qp-cupsd-setup (cupsd_setup.sh): the configuration for
+// the real /usr/sbin/cupsd at its default place in the sandbox's /etc/cups,
+// so a plain "/usr/sbin/cupsd" (as the library starts it) uses it too.
 //
 // Use from any test binary: add cupsd_fixture.cpp to its SOURCES and
 //
@@ -16,12 +16,10 @@
 #include <sys/types.h>
 
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace qpcups {
 
-inline constexpr const char *kSocket = "/run/cups/cups.sock";
 inline constexpr const char *kPrintersConf = "/etc/cups/printers.conf";
 inline constexpr const char *kPpdDir = "/etc/cups/ppd";
 // Real PPD files that ship with the print service's filters.
@@ -38,24 +36,17 @@ public:
     Cupsd() = default;
     Cupsd(const Cupsd &) = delete;
     Cupsd &operator=(const Cupsd &) = delete;
-    ~Cupsd();  // stops the scheduler
-
-    // Runs qp-cupsd-setup (which forgets every queue); start() calls it once.
-    static void install();
+    ~Cupsd() { stop(); }
 
     // Starts /usr/sbin/cupsd -f unless one runs; true once its socket accepts.
     bool start();
     // Stops whichever cupsd runs (ours, or one the library started), by PID,
     // and waits until it is gone.
     void stop();
-    // The socket accepts connections.
-    static bool running();
-    // PID of the running cupsd (from /proc), or -1.
-    static pid_t find_pid();
 
     // "lpstat -v" as queues, in its order.
     static std::vector<Queue> queues();
-    static bool has_queue(const std::string &name);
+    static bool has_queue(const std::string &name) { return !uri_of(name).empty(); }
     static std::string uri_of(const std::string &name);  // "" when absent
     // "lpstat -p NAME" says "disabled".
     static bool is_stopped(const std::string &name);
@@ -65,13 +56,9 @@ public:
     static std::vector<std::string> jobs(const std::string &name);
 
     // Creates a queue directly with the real lpadmin (not the library).
-    static bool add_queue(const std::string &name, const std::string &uri, const std::string &ppd = "");
+    static bool add_queue(const std::string &name, const std::string &uri);
     // Deletes every queue, and every job with it.
     static void remove_all_queues();
-
-    // Waits until printers.conf mentions (or no longer mentions) a text:
-    // the scheduler writes it a few ms after a change.
-    static bool wait_printers_conf(const std::string &text, bool present, int timeout_ms = 3000);
 
 private:
     pid_t pid_ = -1;  // the cupsd we started and must reap
