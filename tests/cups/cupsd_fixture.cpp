@@ -51,19 +51,15 @@ bool Cupsd::start() {
         if (r.status != 0) fprintf(stderr, "qp-cupsd-setup failed (%d): %s\n", r.status, r.err.c_str());
         installed = true;
     }
-    if (find_pid() < 0) pid_ = qpt::start({"/usr/sbin/cupsd", "-f"});
+    if (find_pid() < 0) qpt::start({"/usr/sbin/cupsd", "-f"});
     return qpt::wait_until(running, 5000);
 }
 
 void Cupsd::stop() {
-    pid_t pid;
-    for (int round = 0; round < 5 && (pid = find_pid()) > 0; ++round) {
-        if (pid == pid_) {
-            qpt::stop(pid_);
-            pid_ = -1;
-            continue;
-        }
-        // One the library started: gone, or a zombie its parent reaps.
+    // Ours (reaped here), or one the library started: gone, or a zombie its parent reaps.
+    for (int round = 0; round < 5; ++round) {
+        const pid_t pid = find_pid();
+        if (pid < 0) return;
         kill(pid, SIGTERM);
         qpt::wait_until([&] {
             waitpid(pid, nullptr, WNOHANG);
@@ -72,21 +68,11 @@ void Cupsd::stop() {
     }
 }
 
-std::vector<Queue> Cupsd::queues() {
-    std::vector<Queue> list;
-    const std::string prefix = "device for ";
-    for (const std::string &line : lines_of({"/usr/bin/lpstat", "-v"})) {
-        const size_t colon = line.find(": ", prefix.size());
-        if (line.rfind(prefix, 0) == 0 && colon != std::string::npos)
-            list.push_back({line.substr(prefix.size(), colon - prefix.size()), line.substr(colon + 2)});
-    }
-    return list;
-}
-
 std::string Cupsd::uri_of(const std::string &name) {
-    for (const auto &q : queues())
-        if (q.name == name) return q.uri;
-    return "";
+    // "device for NAME: URI\n", or nothing.
+    const std::string out = qpt::run({"/usr/bin/lpstat", "-v", name}).out;
+    const size_t colon = out.find(": ");
+    return colon == std::string::npos ? "" : out.substr(colon + 2, out.size() - colon - 3);
 }
 
 bool Cupsd::is_stopped(const std::string &name) {
@@ -110,7 +96,7 @@ bool Cupsd::add_queue(const std::string &name, const std::string &uri) {
 }
 
 void Cupsd::remove_all_queues() {
-    for (const auto &q : queues()) qpt::run({"/usr/sbin/lpadmin", "-x", q.name});
+    for (const std::string &name : lines_of({"/usr/bin/lpstat", "-e"})) qpt::run({"/usr/sbin/lpadmin", "-x", name});
 }
 
 }  // namespace qpcups

@@ -8,12 +8,10 @@
 //
 //     qpcups::Cupsd cupsd;          // one per binary, e.g. in a test environment
 //     ASSERT_TRUE(cupsd.start());
-//     cupsd.queues();               // lpstat -v, as {name, device URI}
+//     qpcups::Cupsd::uri_of("q");   // lpstat -v q: its device URI
 //
 // Never use it outside the sandbox: it writes /etc/cups and starts a daemon.
 #pragma once
-
-#include <sys/types.h>
 
 #include <string>
 #include <vector>
@@ -25,11 +23,6 @@ inline constexpr const char *kPpdDir = "/etc/cups/ppd";
 // Real PPD files that ship with the print service's filters.
 inline constexpr const char *kPpdGeneric = "/usr/share/ppd/cupsfilters/Generic-PDF_Printer-PDF.ppd";
 inline constexpr const char *kPpdPxlMono = "/usr/share/ppd/cupsfilters/pxlmono.ppd";
-
-struct Queue {
-    std::string name;
-    std::string uri;
-};
 
 class Cupsd {
 public:
@@ -44,8 +37,6 @@ public:
     // and waits until it is gone.
     void stop();
 
-    // "lpstat -v" as queues, in its order.
-    static std::vector<Queue> queues();
     static bool has_queue(const std::string &name) { return !uri_of(name).empty(); }
     static std::string uri_of(const std::string &name);  // "" when absent
     // "lpstat -p NAME" says "disabled".
@@ -59,9 +50,6 @@ public:
     static bool add_queue(const std::string &name, const std::string &uri);
     // Deletes every queue, and every job with it.
     static void remove_all_queues();
-
-private:
-    pid_t pid_ = -1;  // the cupsd we started and must reap
 };
 
 }  // namespace qpcups
