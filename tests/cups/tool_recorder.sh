@@ -7,11 +7,7 @@
 #   fail     "N STATUS": the next N runs exit with STATUS (negative: killed by
 #            that signal) without running the real tool
 #   output   printed instead of running the real tool (exit 0 unless "fail")
-#   delay    seconds to sleep first
-#   restore  when present, the real program is moved back over this copy
-#            and run from there (a daemon then runs its own program path)
 d=/run/qp-rec/${0##*/}
-[ -f "$d/delay" ] && sleep "$(cat "$d/delay")"
 { printf '%s\037' "$0" "$@"; echo; } >>"$d/log"
 status=0 stand_in=
 read -r n s 2>/dev/null <"$d/fail"
@@ -24,6 +20,4 @@ if [ -n "$stand_in" ]; then
     [ "$status" -lt 0 ] && kill -s "$((-status))" $$
     exit "$status"
 fi
-real=$(cat "$d/real")
-[ -f "$d/restore" ] && mv -f "$real" "$0" && real=$0
-exec "$real" "$@"
+exec "$(cat "$d/real")" "$@"
