@@ -71,16 +71,11 @@ private:
 constexpr const char *kConf = "/usr/qora/etc/printer.conf";
 const std::string kId1 = "04a9:1827:AAA111", kId2 = "04a9:1827:BBB222", kId3 = "04a9:1827:CCC333";
 
-Cupsd *g_cupsd = nullptr;
+Cupsd g_cupsd;  // stops the scheduler at exit (outside the sandbox the program never starts)
 
-class CupsEnv : public ::testing::Environment {
-public:
-    void SetUp() override {
-        ASSERT_TRUE(qpt::in_sandbox()) << "run inside qp-sandbox";
-        g_cupsd = new Cupsd;
-        ASSERT_TRUE(g_cupsd->start());
-    }
-    void TearDown() override { delete g_cupsd; }
+// No test runs without the scheduler.
+struct CupsEnv : ::testing::Environment {
+    void SetUp() override { ASSERT_TRUE(g_cupsd.start()); }
 };
 const auto *const kEnv = ::testing::AddGlobalTestEnvironment(new CupsEnv);
 
@@ -114,7 +109,7 @@ Argv add_argv(const std::string &queue, const std::string &uri, const std::strin
 class CupsTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_TRUE(g_cupsd->start());
+        ASSERT_TRUE(g_cupsd.start());
         Cupsd::remove_all_queues();
         qpt::run({"/bin/rm", "-rf", qpcups::kPpdDir});
         // Sections for the USB printers; the queue name is written into them.
@@ -158,7 +153,7 @@ TEST_F(CupsTest, NameCheckIsDecidedByTheFirstListingLineAndRetriesAFailedListing
 
     // A stopped service has no queues and is not asked.
     lpstat.forget();
-    g_cupsd->stop();
+    g_cupsd.stop();
     EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter1"), 0);
     EXPECT_TRUE(lpstat.runs().empty());
     EXPECT_EQ(log_.count(LOG_ERR, "cupsd is not running."), 1u);
@@ -268,7 +263,7 @@ TEST_F(CupsTest, AddRetriesLpadminFailsOnBadPpdPathsAndStartsTheService) {
     EXPECT_EQ(log_.count("Failed to backup ppd file: /tmp/ppd.dir[0x2A00 printer_backup_ppd.cpp:"), 1u);
     EXPECT_EQ(lpadmin.runs().size(), 3u);
 
-    g_cupsd->stop();
+    g_cupsd.stop();
     Recorder cupsd("/usr/sbin/cupsd");
     cupsd.fail_next(1, 1);
     EXPECT_EQ(QORAPrinterCupsAdd(kId1.c_str(), nullptr), -1);
@@ -294,7 +289,7 @@ TEST_F(CupsTest, NetAddBuildsTheUriFromTheRecordRetriesAndKeepsThePpdByPrinterId
     strcpy(conf.szBackend, "socket");
     conf.szQName[0] = 0;
     lpadmin.forget();
-    g_cupsd->stop();
+    g_cupsd.stop();
     ASSERT_EQ(QORAPrinterNetCupsAdd(&conf, nullptr), 0);
     EXPECT_EQ(Cupsd::uri_of("lab"), "socket://192.168.1.20/");
     EXPECT_EQ(lpadmin.runs(),
@@ -348,7 +343,7 @@ TEST_F(CupsTest, ScrubDropsUsbBlocksAtomicallyOnlyWhileCupsdIsStopped) {
     // Stopped: only the USB names go; indented and other tags are copied, CRLF lines match, a long
     // line stays one line (its tail is no header), an unclosed block runs to the end; mode and owner
     // kept, no copy left.
-    g_cupsd->stop();
+    g_cupsd.stop();
     const std::string head = "# head\r\n<Printer office>\nkeep0\n</Printer>\n<Printer usbprinter10>\n</Printer>\n";
     const std::string kept = "  <Printer usbprinter1>\nkeep1\n</Printer>\n<Class usbprinter2>\nkeep2\n</Class>\n" +
                              std::string(1023, 'x') + "<Printer usbprinter2>\ndropped\n</Printer>\nkeep3\n";
