@@ -1,13 +1,8 @@
 // A private CUPS scheduler for tests (see cupsd_fixture.hpp).
 #include "cupsd_fixture.hpp"
 
-#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <sstream>
 
@@ -15,22 +10,6 @@
 
 namespace qpcups {
 namespace {
-
-bool running() {
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    snprintf(addr.sun_path, sizeof addr.sun_path, "/run/cups/cups.sock");
-    const bool ok = connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) == 0;
-    close(fd);
-    return ok;
-}
-
-// PID of a running cupsd (pidof skips zombies), or -1.
-pid_t find_pid() {
-    const pid_t pid = atoi(qpt::run({"/bin/pidof", "-s", "cupsd"}).out.c_str());
-    return pid > 0 ? pid : -1;
-}
 
 std::vector<std::string> lines_of(const std::vector<std::string> &argv) {
     std::istringstream in(qpt::run(argv).out);
@@ -47,26 +26,14 @@ bool Cupsd::start() {
         // No system bus in the sandbox: cupsd (ours, or one the library starts,
         // which inherits this) fails fast instead of looking for one.
         setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1);
-        const qpt::RunResult r = qpt::run({qpt::bin_path("qp-cupsd-setup")});
-        if (r.status != 0) fprintf(stderr, "qp-cupsd-setup failed (%d): %s\n", r.status, r.err.c_str());
-        installed = true;
+        installed = qpt::run({qpt::bin_path("qp-cupsd-setup")}).status == 0;
     }
-    if (find_pid() < 0) qpt::start({"/usr/sbin/cupsd", "-f"});
-    return qpt::wait_until(running, 5000);
+    const qpt::RunResult r = qpt::run({qpt::bin_path("qp-cupsd-setup"), "start"});
+    if (r.status != 0) fprintf(stderr, "qp-cupsd-setup failed (%d): %s\n", r.status, r.err.c_str());
+    return installed && r.status == 0;
 }
 
-void Cupsd::stop() {
-    // Ours (reaped here), or one the library started: gone, or a zombie its parent reaps.
-    for (int round = 0; round < 5; ++round) {
-        const pid_t pid = find_pid();
-        if (pid < 0) return;
-        kill(pid, SIGTERM);
-        qpt::wait_until([&] {
-            waitpid(pid, nullptr, WNOHANG);
-            return find_pid() != pid;
-        });
-    }
-}
+void Cupsd::stop() { qpt::run({qpt::bin_path("qp-cupsd-setup"), "stop"}); }
 
 std::string Cupsd::uri_of(const std::string &name) {
     // "device for NAME: URI\n", or nothing.

@@ -31,10 +31,10 @@ public:
     Cupsd &operator=(const Cupsd &) = delete;
     ~Cupsd() { stop(); }
 
-    // Starts /usr/sbin/cupsd -f unless one runs; true once its socket accepts.
+    // Starts /usr/sbin/cupsd unless one runs; true once it answers.
     bool start();
-    // Stops whichever cupsd runs (ours, or one the library started), by PID,
-    // and waits until it is gone.
+    // Stops whichever cupsd runs (ours, or one the library started) and waits
+    // until it is gone.
     void stop();
 
     static bool has_queue(const std::string &name) { return !uri_of(name).empty(); }
