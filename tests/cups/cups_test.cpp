@@ -28,10 +28,9 @@ using Argv = std::vector<std::string>;
 class Recorder {
 public:
     // Replaces tool (e.g. "/usr/bin/lpadmin") with a recording copy that runs
-    // real (e.g. "/usr/sbin/lpadmin"), by default the program (or link) that
-    // stood at tool, kept meanwhile in a ".qp-saved" directory beside it.
-    // The destructor puts it back.
-    explicit Recorder(const std::string &tool, const std::string &real = "") : tool_(tool) {
+    // the program (or link) that stood there, kept meanwhile in a ".qp-saved"
+    // directory beside it.  The destructor puts it back.
+    explicit Recorder(const std::string &tool) : tool_(tool) {
         const size_t slash = tool_.rfind('/');
         dir_ = "/run/qp-rec/" + tool_.substr(slash + 1) + "/";
         saved_ = tool_.substr(0, slash) + "/.qp-saved/" + tool_.substr(slash + 1);
@@ -39,7 +38,6 @@ public:
         qpt::mkdirs(dir_);
         qpt::mkdirs(tool_.substr(0, slash) + "/.qp-saved");
         if (rename(tool_.c_str(), saved_.c_str()) != 0) perror(tool_.c_str());
-        qpt::write_file(dir_ + "real", real.empty() ? saved_ : real);
         qpt::write_file(tool_, qpt::read_file(qpt::source_path("tests/cups/tool_recorder.sh")), 0755);
     }
     ~Recorder() { rename(saved_.c_str(), tool_.c_str()); }
@@ -161,7 +159,7 @@ TEST_F(CupsTest, NameCheckIsDecidedByTheFirstListingLineAndRetriesAFailedListing
 
 TEST_F(CupsTest, EnableSwitchesUsbprinter1WithItsTwin) {
     for (const char *q : {"usbprinter1", "usbprinter", "usbprinter2"}) ASSERT_TRUE(Cupsd::add_queue(q, usb_uri(kId1)));
-    Recorder disable("/usr/bin/cupsdisable", "/usr/sbin/cupsdisable");
+    Recorder disable("/usr/bin/cupsdisable");
     // Only the name usbprinter1, in any case, has a twin; a name over 127 characters is refused, never cut.
     EXPECT_EQ(QORAPrinterCupsPrinterEnable("UsbPrinter1", 0), 0);
     EXPECT_EQ(QORAPrinterCupsPrinterEnable(std::string(200, 'q').c_str(), 0), -1);
@@ -189,8 +187,8 @@ TEST_F(CupsTest, PpdReadReturnsTheWholeFile) {
 }
 
 TEST_F(CupsTest, AddGivesUsbprinter1ThenUsbprinter2AndRefusesAThird) {
-    Recorder lpadmin("/usr/bin/lpadmin", "/usr/sbin/lpadmin");
-    Recorder disable("/usr/bin/cupsdisable", "/usr/sbin/cupsdisable");
+    Recorder lpadmin("/usr/bin/lpadmin");
+    Recorder disable("/usr/bin/cupsdisable");
     ASSERT_EQ(QORAPrinterCupsAdd(kId1.c_str(), nullptr), 0);
     EXPECT_EQ(lpadmin.runs(), (std::vector<Argv>{add_argv("usbprinter1", usb_uri(kId1)),
                                                  add_argv("usbprinter", usb_uri(kId1))}));
@@ -244,7 +242,7 @@ TEST_F(CupsTest, AddKeepsAValidStoredNameAndReplacesOneThatMovedAway) {
 }
 
 TEST_F(CupsTest, AddRetriesLpadminFailsOnBadPpdPathsAndStartsTheService) {
-    Recorder lpadmin("/usr/bin/lpadmin", "/usr/sbin/lpadmin");
+    Recorder lpadmin("/usr/bin/lpadmin");
     lpadmin.fail_next(2, 1);
     ASSERT_EQ(QORAPrinterCupsAdd(kId1.c_str(), nullptr), 0);
     EXPECT_EQ(lpadmin.runs().size(), 4u);  // usbprinter1 three times, its twin once
@@ -271,7 +269,7 @@ TEST_F(CupsTest, AddRetriesLpadminFailsOnBadPpdPathsAndStartsTheService) {
 }
 
 TEST_F(CupsTest, NetAddBuildsTheUriFromTheRecordRetriesAndKeepsThePpdByPrinterId) {
-    Recorder lpadmin("/usr/bin/lpadmin", "/usr/sbin/lpadmin");
+    Recorder lpadmin("/usr/bin/lpadmin");
     PrinterNetConf conf = {};
     strcpy(conf.szIP, "192.168.1.20");
     strcpy(conf.szCupsPrinterName, "lab");
@@ -305,7 +303,7 @@ TEST_F(CupsTest, RemovalTakesTheTwinAndOnlyTheQueueOfThisPrinter) {
     ASSERT_TRUE(Cupsd::add_queue("usbprinter2", usb_uri(kId3)));
     store_name(kId1, "usbprinter1");
     store_name(kId2, "usbprinter2");
-    Recorder lpadmin("/usr/bin/lpadmin", "/usr/sbin/lpadmin");
+    Recorder lpadmin("/usr/bin/lpadmin");
 
     // usbprinter2 serves another device now: nothing is removed.
     EXPECT_EQ(QORAPrinterCupsRm(kId2.c_str()), -1);

@@ -1,8 +1,8 @@
 #!/bin/sh
 # Stands in a tool's place (a copy of this script at e.g. /usr/bin/lpadmin),
-# records every run, then runs the real tool or plays a chosen part.
-# Control files in /run/qp-rec/NAME/, NAME being this copy's file name:
-#   real     the real program, run with the same arguments
+# records every run, then runs the real tool (kept as .qp-saved/NAME beside
+# it) or plays a chosen part.  Control files in /run/qp-rec/NAME/, NAME being
+# this copy's file name:
 #   log      one line per run: each argument, the path first, ended by \037
 #   fail     "N STATUS": the next N runs exit with STATUS (negative: killed by
 #            that signal) without running the real tool
@@ -20,4 +20,4 @@ if [ -n "$stand_in" ]; then
     [ "$status" -lt 0 ] && kill -s "$((-status))" $$
     exit "$status"
 fi
-exec "$(cat "$d/real")" "$@"
+exec "${0%/*}/.qp-saved/${0##*/}" "$@"
