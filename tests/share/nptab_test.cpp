@@ -24,7 +24,7 @@ PrinterNetConf conf(const char *ip, const char *queue) {
 class Nptab : public ::testing::Test {
 protected:
     void SetUp() override {
-            qpt::remove_file(kNptab);
+        qpt::remove_file(kNptab);
         qpt::remove_file(kSmb);
         openlog(nullptr, LOG_NDELAY, LOG_USER);  // the socket stays open once used
         fds_ = qpt::open_fd_count();
