@@ -37,7 +37,7 @@ public:
         qpt::run({"/bin/rm", "-rf", dir_});
         qpt::mkdirs(dir_);
         qpt::mkdirs(tool_.substr(0, slash) + "/.qp-saved");
-        if (rename(tool_.c_str(), saved_.c_str()) != 0) perror(tool_.c_str());
+        EXPECT_EQ(rename(tool_.c_str(), saved_.c_str()), 0) << tool_ << ": " << strerror(errno);
         qpt::write_file(tool_, qpt::read_file(qpt::source_path("tests/cups/tool_recorder.sh")), 0755);
     }
     ~Recorder() { rename(saved_.c_str(), tool_.c_str()); }
