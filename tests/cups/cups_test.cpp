@@ -8,50 +8,84 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "cupsd_fixture.hpp"
-#include "internal.hpp"
 #include "qoraprinter.h"
 #include "qp_test.hpp"
-#include "recorder.hpp"
 
-using qpcups::Argv;
 using qpcups::Cupsd;
-using qpcups::Recorder;
 
 namespace {
+
+using Argv = std::vector<std::string>;
+
+// Puts tool_recorder.sh in a tool's place for one test and reads what it saw.
+class Recorder {
+public:
+    // Replaces tool (e.g. "/usr/bin/lpadmin") with a recording copy that runs
+    // the program (or link) that stood there, kept meanwhile in a ".qp-saved"
+    // directory beside it.  The destructor puts it back.
+    explicit Recorder(const std::string &tool) : tool_(tool) {
+        const size_t slash = tool_.rfind('/');
+        dir_ = "/run/qp-rec/" + tool_.substr(slash + 1) + "/";
+        saved_ = tool_.substr(0, slash) + "/.qp-saved/" + tool_.substr(slash + 1);
+        qpt::run({"/bin/rm", "-rf", dir_});
+        qpt::mkdirs(dir_);
+        qpt::mkdirs(tool_.substr(0, slash) + "/.qp-saved");
+        EXPECT_EQ(rename(tool_.c_str(), saved_.c_str()), 0) << tool_ << ": " << strerror(errno);
+        qpt::write_file(tool_, qpt::read_file(qpt::source_path("tests/cups/tool_recorder.sh")), 0755);
+    }
+    ~Recorder() { rename(saved_.c_str(), tool_.c_str()); }
+    Recorder(const Recorder &) = delete;
+    Recorder &operator=(const Recorder &) = delete;
+
+    // The next n runs exit with status (negative: die by that signal).
+    void fail_next(int n, int status) { control("fail", std::to_string(n) + " " + std::to_string(status)); }
+    // Every run prints this instead of running the real tool.
+    void play(const std::string &output) { control("output", output); }
+
+    std::vector<Argv> runs() const {
+        std::vector<Argv> all;
+        std::istringstream in(qpt::read_file(dir_ + "log"));
+        for (std::string line; std::getline(in, line);) {
+            std::istringstream args(line);
+            all.emplace_back();
+            for (std::string arg; std::getline(args, arg, '\x1f');) all.back().push_back(arg);
+        }
+        return all;
+    }
+    void forget() { qpt::remove_file(dir_ + "log"); }
+
+private:
+    void control(const char *file, const std::string &text) { qpt::write_file(dir_ + file, text); }
+    std::string tool_, dir_, saved_;
+};
 
 constexpr const char *kConf = "/usr/qora/etc/printer.conf";
 const std::string kId1 = "04a9:1827:AAA111", kId2 = "04a9:1827:BBB222", kId3 = "04a9:1827:CCC333";
 
-Cupsd *g_cupsd = nullptr;
+Cupsd g_cupsd;  // stops the scheduler at exit (outside the sandbox the program never starts)
 
-class CupsEnv : public ::testing::Environment {
-public:
-    void SetUp() override {
-        ASSERT_TRUE(qpt::in_sandbox()) << "run inside qp-sandbox";
-        g_cupsd = new Cupsd;
-        ASSERT_TRUE(g_cupsd->start());
-    }
-    void TearDown() override { delete g_cupsd; }
+// No test runs without the scheduler.
+struct CupsEnv : ::testing::Environment {
+    void SetUp() override { ASSERT_TRUE(g_cupsd.start()); }
 };
 const auto *const kEnv = ::testing::AddGlobalTestEnvironment(new CupsEnv);
 
 std::string usb_uri(const std::string &id) { return "usb:/dev/usb/" + id; }
 
-std::string host_name() {
-    char h[64] = {0};
-    gethostname(h, sizeof h);
-    return h;
-}
-
 std::string stored_name(const std::string &id) {
     char buf[64] = {0};
     return QORAPrinterCupsNameGet(id.c_str(), buf, sizeof buf) == 0 ? buf : "";
+}
+
+void store_name(const std::string &id, const char *queue) {
+    ASSERT_EQ(QLIBCFileSetSectionValue(kConf, id.c_str(), "cups printer name", queue), 0);
 }
 
 // One run of the program per last argument: each({"/usr/bin/lpadmin", "-x"}, {"a", "b"}).
@@ -61,10 +95,11 @@ std::vector<Argv> each(const Argv &head, const std::vector<std::string> &lasts) 
     return runs;
 }
 
-// lpadmin's arguments for a new queue (-L only with a host name, -P only with a PPD).
-Argv add_argv(const std::string &queue, const std::string &uri, const std::string &host, const std::string &ppd = "") {
-    Argv argv = {"/usr/bin/lpadmin", "-p", queue, "-E", "-v", uri};
-    if (!host.empty()) argv.insert(argv.end(), {"-L", host});
+// lpadmin's arguments for a new queue: -L with this host's name, -P only with a PPD.
+Argv add_argv(const std::string &queue, const std::string &uri, const std::string &ppd = "") {
+    char host[64] = {0};
+    gethostname(host, sizeof host);
+    Argv argv = {"/usr/bin/lpadmin", "-p", queue, "-E", "-v", uri, "-L", host};
     if (!ppd.empty()) argv.insert(argv.end(), {"-P", ppd});
     return argv;
 }
@@ -72,9 +107,9 @@ Argv add_argv(const std::string &queue, const std::string &uri, const std::strin
 class CupsTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_TRUE(g_cupsd->start());
+        ASSERT_TRUE(g_cupsd.start());
         Cupsd::remove_all_queues();
-        for (const auto &id : {kId1, kId2, kId3}) unlink(("/etc/cups/ppd/" + id + ".ppd").c_str());
+        qpt::run({"/bin/rm", "-rf", qpcups::kPpdDir});
         // Sections for the USB printers; the queue name is written into them.
         qpt::write_file(kConf, "[" + kId1 + "]\n\tproducer = Acme\n[" + kId2 + "]\n\tproducer = Acme\n[" + kId3 +
                                    "]\n\tproducer = Acme\n");
@@ -82,6 +117,7 @@ protected:
         fds_ = qpt::open_fd_count();
     }
     void TearDown() override {
+        umount2("/etc/cups", MNT_DETACH);  // a test's tmpfs, if still there
         EXPECT_EQ(qpt::open_fd_count(), fds_) << "descriptors leaked";
         if (HasFailure()) fprintf(stderr, "syslog:\n%s", log_.dump().c_str());
     }
@@ -93,20 +129,6 @@ protected:
     int fds_ = 0;
 };
 
-// One logged check naming its condition and its file; one quiet.
-TEST_F(CupsTest, BadArgumentsSetTheCodeWithTheFunctionsOwnFile) {
-    EXPECT_EQ(QORAPrinterCupsNameCheck("id", ""), -1);
-    expect_code(ERR_BAD_PARAMETER, "printer_cups_name_check.cpp");
-    const std::vector<qpt::LogLine> lines = log_.lines();
-    ASSERT_EQ(lines.size(), 1u) << log_.dump();
-    EXPECT_EQ(lines[0].text.rfind("printer_cups_name_check.cpp:", 0), 0u) << lines[0].text;
-    EXPECT_NE(lines[0].text.find("Invaild Argument (0 != szCupsPrinterName[0])=[0]"), std::string::npos);
-    EXPECT_EQ(QORAPrinterCupsAdd(nullptr, nullptr), -1);
-    expect_code(ERR_BAD_PARAMETER, "printer_cups_printer_add.cpp");
-    EXPECT_EQ(log_.lines().size(), 1u);
-}
-
-
 TEST_F(CupsTest, NameCheckIsDecidedByTheFirstListingLineAndRetriesAFailedListing) {
     ASSERT_TRUE(Cupsd::add_queue("usbprinter1", usb_uri(kId1)));
     ASSERT_TRUE(Cupsd::add_queue("usbprinter10", usb_uri(kId3)));
@@ -115,12 +137,10 @@ TEST_F(CupsTest, NameCheckIsDecidedByTheFirstListingLineAndRetriesAFailedListing
     EXPECT_EQ(QORAPrinterCupsNameCheck(kId3.c_str(), "usbprinter1"), 2);
     EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter3"), 0);
 
-    Recorder lpstat("/usr/bin/lpstat");
     // Lines of more than 1023 characters arrive as separate pieces.
-    lpstat.play("device for other: usb:/dev/usb/" + std::string(1100, 'x') + " usbprinter1 04a9:1827:LONG\n" +
-                "device for usbprinter2: usb:/dev/usb/" + std::string(1100, 'y') + "04a9:1827:FAR\n");
+    Recorder lpstat("/usr/bin/lpstat");
+    lpstat.play("device for other: usb:/dev/usb/" + std::string(1100, 'x') + " usbprinter1 04a9:1827:LONG\n");
     EXPECT_EQ(QORAPrinterCupsNameCheck("04a9:1827:LONG", "usbprinter1"), 1);
-    EXPECT_EQ(QORAPrinterCupsNameCheck("04a9:1827:FAR", "usbprinter2"), 2);
 
     // A listing whose program dies is taken again, 3 times, 1 s apart.
     lpstat.forget();
@@ -131,94 +151,62 @@ TEST_F(CupsTest, NameCheckIsDecidedByTheFirstListingLineAndRetriesAFailedListing
 
     // A stopped service has no queues and is not asked.
     lpstat.forget();
-    g_cupsd->stop();
+    g_cupsd.stop();
     EXPECT_EQ(QORAPrinterCupsNameCheck(kId1.c_str(), "usbprinter1"), 0);
     EXPECT_TRUE(lpstat.runs().empty());
     EXPECT_EQ(log_.count(LOG_ERR, "cupsd is not running."), 1u);
 }
 
-
 TEST_F(CupsTest, EnableSwitchesUsbprinter1WithItsTwin) {
     for (const char *q : {"usbprinter1", "usbprinter", "usbprinter2"}) ASSERT_TRUE(Cupsd::add_queue(q, usb_uri(kId1)));
-    Recorder disable("/usr/bin/cupsdisable", "/usr/sbin/cupsdisable");
-
+    Recorder disable("/usr/bin/cupsdisable");
     // Only the name usbprinter1, in any case, has a twin; a name over 127 characters is refused, never cut.
     EXPECT_EQ(QORAPrinterCupsPrinterEnable("UsbPrinter1", 0), 0);
     EXPECT_EQ(QORAPrinterCupsPrinterEnable(std::string(200, 'q').c_str(), 0), -1);
-    EXPECT_EQ(disable.runs(), each({"/usr/bin/cupsdisable"}, {"UsbPrinter1", "usbprinter"}));
+    EXPECT_EQ(QORAPrinterCupsPrinterEnable("usbprinter2", 0), 0);
+    EXPECT_EQ(disable.runs(), each({"/usr/bin/cupsdisable"}, {"UsbPrinter1", "usbprinter", "usbprinter2"}));
     EXPECT_EQ(QORAPrinterCupsPrinterEnable("usbprinter1", 1), 0);
     EXPECT_FALSE(Cupsd::is_stopped("usbprinter"));
-
-    // The twin's failure is reported after usbprinter1 was switched.
-    Cupsd::remove_all_queues();
-    ASSERT_TRUE(Cupsd::add_queue("usbprinter1", usb_uri(kId1)));
-    log_.reset();
-    EXPECT_EQ(QORAPrinterCupsPrinterEnable("usbprinter1", 0), -1);
-    EXPECT_TRUE(Cupsd::is_stopped("usbprinter1"));
-    EXPECT_EQ(log_.count(LOG_ERR, "run cmd failed, cmd=[/usr/bin/cupsdisable usbprinter], ret=1"), 1u);
 }
 
-
-TEST_F(CupsTest, PpdReadReturnsTheWholeFileAndAFailedCopyKeepsTheOldOne) {
+TEST_F(CupsTest, PpdReadReturnsTheWholeFile) {
+    qpt::mkdirs("/etc/cups/ppd/dir.ppd");
     // A real PPD with a last line lacking its newline.
     const std::string text = qpt::read_file(qpcups::kPpdGeneric) + "*Last: \"no newline\"";
     qpt::write_file("/etc/cups/ppd/model.ppd", text);
-    qpt::write_file("/etc/cups/ppd/empty.ppd", "");
-    qpt::mkdirs("/etc/cups/ppd/dir.ppd");
-    char *got = QORACupsGetPPD("model");
+    char *const got = QORACupsGetPPD("model");
     EXPECT_EQ(got ? std::string(got) : "<NULL>", text);
     free(got);
-    // A NUL byte ends its line's text, newline included, as in a C string.
-    qpt::write_file("/etc/cups/ppd/nul.ppd", std::string("a\0b\nc\n\0\nd", 10));
-    got = QORACupsGetPPD("nul");
-    EXPECT_STREQ(got, "ac\nd");
-    free(got);
     // No text is NULL without an error.
+    qpt::write_file("/etc/cups/ppd/empty.ppd", "");
     for (const auto &[name, code] : {std::pair{"empty", 0u}, {"missing", ERR_OPEN_FAILED}, {"dir", ERR_READ_FAILED}}) {
         QLIBCErrSetEx(0, "", 0);
         EXPECT_EQ(QORACupsGetPPD(name), nullptr);
         EXPECT_EQ(QLIBCErrGet(), code) << name;
     }
-    // The copy kept under a printer ID: the directory is made; a failed copy leaves the old one.
-    qpt::run({"/bin/rm", "-rf", "/etc/cups/ppd"});
-    const std::string copy = "/etc/cups/ppd/" + kId1 + ".ppd";
-    EXPECT_EQ(printer_backup_ppd(qpcups::kPpdPxlMono, kId1.c_str()), 0);
-    EXPECT_EQ(qpt::read_file(copy), qpt::read_file(qpcups::kPpdPxlMono));
-
-    EXPECT_EQ(printer_backup_ppd("/nope.ppd", kId1.c_str()), -1);
-    expect_code(ERR_EXTERNAL_FAILED, "printer_backup_ppd.cpp");
-    EXPECT_EQ(log_.count(LOG_ERR, ("cp -f /nope.ppd " + copy + " failed").c_str()), 1u);
-    EXPECT_EQ(qpt::read_file(copy), qpt::read_file(qpcups::kPpdPxlMono));
 }
 
-
 TEST_F(CupsTest, AddGivesUsbprinter1ThenUsbprinter2AndRefusesAThird) {
-    Recorder lpadmin("/usr/bin/lpadmin", "/usr/sbin/lpadmin");
-    Recorder disable("/usr/bin/cupsdisable", "/usr/sbin/cupsdisable");
-    const std::string host = host_name();
-
+    Recorder lpadmin("/usr/bin/lpadmin");
+    Recorder disable("/usr/bin/cupsdisable");
     ASSERT_EQ(QORAPrinterCupsAdd(kId1.c_str(), nullptr), 0);
-    EXPECT_EQ(lpadmin.runs(), (std::vector<Argv>{add_argv("usbprinter1", usb_uri(kId1), host),
-                                                 add_argv("usbprinter", usb_uri(kId1), host)}));
+    EXPECT_EQ(lpadmin.runs(), (std::vector<Argv>{add_argv("usbprinter1", usb_uri(kId1)),
+                                                 add_argv("usbprinter", usb_uri(kId1))}));
     // Stopping usbprinter1 also stops its twin, which does not exist yet.
     EXPECT_EQ(disable.runs(), each({"/usr/bin/cupsdisable"}, {"usbprinter1", "usbprinter", "usbprinter"}));
     EXPECT_EQ(log_.count(("disable printer=" + kId1 + " failed").c_str()), 1u);
-    EXPECT_EQ(log_.count("add cups printer=usbprinter1, ok"), 1u);
-    EXPECT_TRUE(Cupsd::is_stopped("usbprinter"));
+    EXPECT_TRUE(Cupsd::is_stopped("usbprinter1") && Cupsd::is_stopped("usbprinter"));
     EXPECT_EQ(stored_name(kId1), "usbprinter1");
 
-    // The second printer, with a PPD whose path holds blanks: no twin, the PPD is kept by printer ID.
-    const std::string ppd = "/tmp/my ppds/office laser.ppd", kept = "/etc/cups/ppd/" + kId2 + ".ppd";
+    // The second printer, with a PPD whose path holds blanks: no twin, the
+    // PPD is kept by printer ID in a directory made for it.
+    const std::string ppd = "/tmp/my ppds/office laser.ppd";
     qpt::write_file(ppd, qpt::read_file(qpcups::kPpdGeneric));
     lpadmin.forget();
     ASSERT_EQ(QORAPrinterCupsAdd(kId2.c_str(), ppd.c_str()), 0);
-    EXPECT_EQ(qpt::read_file(kept), qpt::read_file(ppd));
+    EXPECT_EQ(qpt::read_file("/etc/cups/ppd/" + kId2 + ".ppd"), qpt::read_file(ppd));
+    EXPECT_EQ(lpadmin.runs(), std::vector<Argv>{add_argv("usbprinter2", usb_uri(kId2), ppd)});
     EXPECT_EQ(stored_name(kId2), "usbprinter2");
-    // Re-created without a PPD, it keeps its name and its kept PPD.
-    ASSERT_EQ(qpt::run({"/usr/sbin/lpadmin", "-x", "usbprinter2"}).status, 0);
-    ASSERT_EQ(QORAPrinterCupsAdd(kId2.c_str(), ""), 0);
-    EXPECT_EQ(lpadmin.runs(), (std::vector<Argv>{add_argv("usbprinter2", usb_uri(kId2), host, ppd),
-                                                 add_argv("usbprinter2", usb_uri(kId2), host, kept)}));
 
     // Both names taken: nothing changes.
     const std::string conf = qpt::read_file(kConf);
@@ -232,21 +220,21 @@ TEST_F(CupsTest, AddGivesUsbprinter1ThenUsbprinter2AndRefusesAThird) {
 TEST_F(CupsTest, AddKeepsAValidStoredNameAndReplacesOneThatMovedAway) {
     // Stored usbprinter2 still on this printer's device: kept though usbprinter1 is free.
     ASSERT_TRUE(Cupsd::add_queue("usbprinter2", usb_uri(kId1)));
-    ASSERT_EQ(QLIBCFileSetSectionValue(kConf, kId1.c_str(), "cups printer name", "usbprinter2"), 0);
+    store_name(kId1, "usbprinter2");
     ASSERT_EQ(QORAPrinterCupsAdd(kId1.c_str(), nullptr), 0);
     EXPECT_EQ(stored_name(kId1), "usbprinter2");
     EXPECT_FALSE(Cupsd::has_queue("usbprinter1"));
 
     // Stored usbprinter2 now on another device; usbprinter10 makes usbprinter1 look taken.
     ASSERT_TRUE(Cupsd::add_queue("usbprinter10", usb_uri(kId3)));
-    ASSERT_EQ(QLIBCFileSetSectionValue(kConf, kId2.c_str(), "cups printer name", "usbprinter2"), 0);
+    store_name(kId2, "usbprinter2");
     EXPECT_EQ(QORAPrinterCupsAdd(kId2.c_str(), nullptr), -1);
     EXPECT_EQ(Cupsd::uri_of("usbprinter2"), usb_uri(kId1));
 
     // With usbprinter2 gone, the moved name is replaced by the free one.
     ASSERT_EQ(qpt::run({"/usr/sbin/lpadmin", "-x", "usbprinter2"}).status, 0);
     ASSERT_TRUE(Cupsd::add_queue("usbprinter1", usb_uri(kId3)));
-    ASSERT_EQ(QLIBCFileSetSectionValue(kConf, kId2.c_str(), "cups printer name", "usbprinter1"), 0);
+    store_name(kId2, "usbprinter1");
     ASSERT_EQ(QORAPrinterCupsAdd(kId2.c_str(), nullptr), 0);
     EXPECT_EQ(stored_name(kId2), "usbprinter2");
     EXPECT_EQ(Cupsd::uri_of("usbprinter2"), usb_uri(kId2));
@@ -254,11 +242,10 @@ TEST_F(CupsTest, AddKeepsAValidStoredNameAndReplacesOneThatMovedAway) {
 }
 
 TEST_F(CupsTest, AddRetriesLpadminFailsOnBadPpdPathsAndStartsTheService) {
-    Recorder lpadmin("/usr/bin/lpadmin", "/usr/sbin/lpadmin");
+    Recorder lpadmin("/usr/bin/lpadmin");
     lpadmin.fail_next(2, 1);
     ASSERT_EQ(QORAPrinterCupsAdd(kId1.c_str(), nullptr), 0);
     EXPECT_EQ(lpadmin.runs().size(), 4u);  // usbprinter1 three times, its twin once
-    EXPECT_EQ(log_.count("add cups printer=usbprinter1, retry(2) ... /usr/bin/lpadmin [1]"), 1u);
     EXPECT_EQ(log_.count("add cups printer=usbprinter1, retry(1) ... /usr/bin/lpadmin [1]"), 1u);
 
     // A missing PPD stops the call after the name was stored.
@@ -274,58 +261,49 @@ TEST_F(CupsTest, AddRetriesLpadminFailsOnBadPpdPathsAndStartsTheService) {
     EXPECT_EQ(log_.count("Failed to backup ppd file: /tmp/ppd.dir[0x2A00 printer_backup_ppd.cpp:"), 1u);
     EXPECT_EQ(lpadmin.runs().size(), 3u);
 
-    g_cupsd->stop();
-    {
-        Recorder cupsd("/usr/sbin/cupsd");
-        cupsd.fail_next(1, 1);
-        EXPECT_EQ(QORAPrinterCupsAdd(kId1.c_str(), nullptr), -1);
-        EXPECT_EQ(log_.count(LOG_ERR, "start cupsd failed. [0x2A00 "), 1u);
-    }
+    g_cupsd.stop();
+    Recorder cupsd("/usr/sbin/cupsd");
+    cupsd.fail_next(1, 1);
+    EXPECT_EQ(QORAPrinterCupsAdd(kId1.c_str(), nullptr), -1);
+    EXPECT_EQ(log_.count(LOG_ERR, "start cupsd failed. [0x2A00 "), 1u);
 }
 
-
-TEST_F(CupsTest, NetAddBuildsTheUriFromTheRecordAndKeepsThePpdByPrinterId) {
-    Recorder lpadmin("/usr/bin/lpadmin", "/usr/sbin/lpadmin");
+TEST_F(CupsTest, NetAddBuildsTheUriFromTheRecordRetriesAndKeepsThePpdByPrinterId) {
+    Recorder lpadmin("/usr/bin/lpadmin");
     PrinterNetConf conf = {};
     strcpy(conf.szIP, "192.168.1.20");
     strcpy(conf.szCupsPrinterName, "lab");
     strcpy(conf.szBackend, "ipp");
     strcpy(conf.szQName, "printers/lab");
     strcpy(conf.szPrinterId, "192.168.1.20-lab");
-
+    lpadmin.fail_next(2, 1);
     ASSERT_EQ(QORAPrinterNetCupsAdd(&conf, qpcups::kPpdGeneric), 0);
+    EXPECT_EQ(lpadmin.runs().size(), 3u);
     EXPECT_EQ(Cupsd::uri_of("lab"), "ipp://192.168.1.20/printers/lab");
     EXPECT_FALSE(Cupsd::is_stopped("lab"));
-    EXPECT_EQ(log_.count("add cups network printer=lab, ok"), 1u);
 
     // Again without a PPD, an empty remote queue and the service down:
     // it is started, the kept copy is used and the URI ends in "/".
     strcpy(conf.szBackend, "socket");
     conf.szQName[0] = 0;
     lpadmin.forget();
-    g_cupsd->stop();
-    {
-        Recorder cupsd("/usr/sbin/cupsd");
-        cupsd.delay_ms(700);  // slow to start: the call waits for it
-        cupsd.restore_on_run();
-        ASSERT_EQ(QORAPrinterNetCupsAdd(&conf, nullptr), 0);
-        EXPECT_EQ(cupsd.runs(), (std::vector<Argv>{{"/usr/sbin/cupsd"}}));
-    }
-    EXPECT_EQ(lpadmin.runs(), std::vector<Argv>{add_argv("lab", "socket://192.168.1.20/", host_name(),
-                                                         "/etc/cups/ppd/192.168.1.20-lab.ppd")});
+    g_cupsd.stop();
+    ASSERT_EQ(QORAPrinterNetCupsAdd(&conf, nullptr), 0);
+    EXPECT_EQ(Cupsd::uri_of("lab"), "socket://192.168.1.20/");
+    EXPECT_EQ(lpadmin.runs(),
+              std::vector<Argv>{add_argv("lab", "socket://192.168.1.20/", "/etc/cups/ppd/192.168.1.20-lab.ppd")});
 
     conf.szCupsPrinterName[0] = 0;
     EXPECT_EQ(QORAPrinterNetCupsAdd(&conf, nullptr), -1);
     EXPECT_EQ(log_.count("cannot find cups printer name, printer=192.168.1.20-lab"), 1u);
 }
 
-
 TEST_F(CupsTest, RemovalTakesTheTwinAndOnlyTheQueueOfThisPrinter) {
     for (const char *q : {"usbprinter1", "usbprinter"}) ASSERT_TRUE(Cupsd::add_queue(q, usb_uri(kId1)));
     ASSERT_TRUE(Cupsd::add_queue("usbprinter2", usb_uri(kId3)));
-    ASSERT_EQ(QLIBCFileSetSectionValue(kConf, kId1.c_str(), "cups printer name", "usbprinter1"), 0);
-    ASSERT_EQ(QLIBCFileSetSectionValue(kConf, kId2.c_str(), "cups printer name", "usbprinter2"), 0);
-    Recorder lpadmin("/usr/bin/lpadmin", "/usr/sbin/lpadmin");
+    store_name(kId1, "usbprinter1");
+    store_name(kId2, "usbprinter2");
+    Recorder lpadmin("/usr/bin/lpadmin");
 
     // usbprinter2 serves another device now: nothing is removed.
     EXPECT_EQ(QORAPrinterCupsRm(kId2.c_str()), -1);
@@ -347,37 +325,27 @@ TEST_F(CupsTest, RemovalTakesTheTwinAndOnlyTheQueueOfThisPrinter) {
     EXPECT_FALSE(Cupsd::has_queue("net"));
     EXPECT_EQ(QORAPrinterNetCupsRm("10.0.0.8-none"), -1);
     EXPECT_EQ(log_.count("cannot find cups printer name, printer=10.0.0.8-none[0x"), 1u);
-
-    unlink("/usr/bin/lpadmin");
-    EXPECT_EQ(QORAPrinterCupsRmByName("usbprinter1"), -1);
-    EXPECT_EQ(log_.count("Execute error, cmd=/usr/bin/lpadmin -x usbprinter1"), 1u);
 }
 
 TEST_F(CupsTest, ScrubDropsUsbBlocksAtomicallyOnlyWhileCupsdIsStopped) {
-    ASSERT_TRUE(Cupsd::add_queue("usbprinter1", usb_uri(kId1)));
-    ASSERT_TRUE(Cupsd::add_queue("office", "socket://10.0.0.3/"));
-    ASSERT_TRUE(Cupsd::wait_printers_conf("<Printer office>", true));
-    const std::string live = qpt::read_file(qpcups::kPrintersConf);
+    // The running scheduler would write its own file back over the edit.
     EXPECT_EQ(QORAPrinterCupsUsbConfRmAll(), -1);
     expect_code(ERR_SERVICE_RUNNING, "printer_cups_usb_conf_rm_all.cpp");
     EXPECT_EQ(log_.count("skip remove printer, cupsd alive. [0xD000 printer_cups_usb_conf_rm_all.cpp:"), 1u);
-    EXPECT_EQ(qpt::read_file(qpcups::kPrintersConf), live);
 
     // Stopped: only the USB names go; indented and other tags are copied, CRLF lines match, a long
     // line stays one line (its tail is no header), an unclosed block runs to the end; mode and owner
     // kept, no copy left.
-    g_cupsd->stop();
+    g_cupsd.stop();
     const std::string head = "# head\r\n<Printer office>\nkeep0\n</Printer>\n<Printer usbprinter10>\n</Printer>\n";
+    const std::string kept = "  <Printer usbprinter1>\nkeep1\n</Printer>\n<Class usbprinter2>\nkeep2\n</Class>\n" +
+                             std::string(1023, 'x') + "<Printer usbprinter2>\ndropped\n</Printer>\nkeep3\n";
     qpt::write_file(qpcups::kPrintersConf,
-                    head + "<Printer usbprinter>\r\nInfo a\r\n</Printer>\r\n  <Printer usbprinter1>\nkeep1\n"
-                           "</Printer>\n<Class usbprinter2>\nkeep2\n</Class>\n" + std::string(1023, 'x') +
-                        "<Printer usbprinter2>\ndropped\n</Printer>\nkeep3\n<Printer usbprinter1>\nlost\n",
+                    head + "<Printer usbprinter>\r\nInfo a\r\n</Printer>\r\n" + kept + "<Printer usbprinter1>\nlost\n",
                     0600);
     ASSERT_EQ(chown(qpcups::kPrintersConf, 0, 7), 0);
     ASSERT_EQ(QORAPrinterCupsUsbConfRmAll(), 0);
-    EXPECT_EQ(qpt::read_file(qpcups::kPrintersConf),
-              head + "  <Printer usbprinter1>\nkeep1\n</Printer>\n<Class usbprinter2>\nkeep2\n</Class>\n" +
-                  std::string(1023, 'x') + "<Printer usbprinter2>\ndropped\n</Printer>\nkeep3\n");
+    EXPECT_EQ(qpt::read_file(qpcups::kPrintersConf), head + kept);
     struct stat after = {};
     ASSERT_EQ(stat(qpcups::kPrintersConf, &after), 0);
     EXPECT_EQ(after.st_mode & 07777, 0600u);
@@ -388,32 +356,22 @@ TEST_F(CupsTest, ScrubDropsUsbBlocksAtomicallyOnlyWhileCupsdIsStopped) {
     EXPECT_EQ(QORAPrinterCupsUsbConfRmAll(), 0);
     EXPECT_FALSE(qpt::exists(qpcups::kPrintersConf));
     EXPECT_EQ(log_.lines().size(), 1u);  // only the refusal above
-}
 
-TEST_F(CupsTest, ScrubThatCannotWriteTheCopyKeepsTheOldFile) {
-    g_cupsd->stop();
-    // A 3-page tmpfs: the 2-page file fits, its copy does not, and the failure shows only at the flush.
+    // On a 3-page tmpfs the 2-page file fits, its copy does not, and the failure shows only at the flush.
     ASSERT_EQ(mount("tmpfs", "/etc/cups", "tmpfs", 0, "size=12k,mode=0755"), 0) << strerror(errno);
-    struct Unmount {
-        ~Unmount() { umount2("/etc/cups", MNT_DETACH); }
-    } unmount;
     std::string text = "<Printer usbprinter1>\nInfo x\n</Printer>\n";
     while (text.size() < 7000) text += "# keep this line of the scheduler's own file\n";
     qpt::write_file(qpcups::kPrintersConf, text, 0600);
-
     EXPECT_EQ(QORAPrinterCupsUsbConfRmAll(), -1);
     expect_code(ERR_WRITE_FAILED, "printer_cups_usb_conf_rm_all.cpp");
     EXPECT_EQ(qpt::read_file(qpcups::kPrintersConf), text);
-    EXPECT_EQ(qpt::run({"/usr/bin/find", "/etc/cups", "-name", "printers.conf.??????"}).out.size(),
-              strlen("/etc/cups/printers.conf.XXXXXX\n"));
-    EXPECT_TRUE(log_.lines().empty());
+    EXPECT_EQ(log_.lines().size(), 1u);
 }
-
 
 TEST_F(CupsTest, PrintSubmitsToTheStoredQueueAndJobWaitSeesTheJob) {
     ASSERT_TRUE(Cupsd::add_queue("usbprinter2", usb_uri(kId1)));
     ASSERT_EQ(QORAPrinterCupsPrinterEnable("usbprinter2", 0), 0);
-    ASSERT_EQ(QLIBCFileSetSectionValue(kConf, kId1.c_str(), "cups printer name", "usbprinter2"), 0);
+    store_name(kId1, "usbprinter2");
     Recorder lpr("/usr/bin/lpr");
 
     qpt::write_file("/tmp/job one.txt", std::string(7777, 'a'));
@@ -423,15 +381,10 @@ TEST_F(CupsTest, PrintSubmitsToTheStoredQueueAndJobWaitSeesTheJob) {
                               {"/usr/bin/lpr", "-P", "usbprinter2", "-r", "-T", "Quarterly", "/tmp/job one.txt"},
                               {"/usr/bin/lpr", "-P", "usbprinter2", "/usr/share/cups/data/testprint"}}));
 
-    // The stopped queue holds the jobs; "819" is no job ID, but lpq shows "8192 bytes".
-    std::vector<std::string> jobs = Cupsd::jobs("usbprinter2");
-    ASSERT_EQ(jobs.size(), 2u);
-    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), jobs[0].c_str()), 1);
-    EXPECT_EQ(log_.count("CheckJobIdInQueue failed."), 1u);
+    // The stopped queue holds the jobs: "819" is no job ID, but lpq shows "8192 bytes".
     EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "819"), 1);
-    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "999999"), 0);
     ASSERT_EQ(qpt::run({"/usr/bin/cancel", "-a", "usbprinter2"}).status, 0);
-    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), jobs[0].c_str()), 0);
+    EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "819"), 0);
 
     // A failed listing is taken again, within a bound.
     Recorder lpq("/usr/bin/lpq");
@@ -439,17 +392,11 @@ TEST_F(CupsTest, PrintSubmitsToTheStoredQueueAndJobWaitSeesTheJob) {
     EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId1.c_str(), "5"), 0);
     EXPECT_EQ(lpq.runs().size(), 5u);
 
-    // A printer without a stored queue, and a stored queue that is gone.
-    log_.reset();
+    // A printer without a stored queue.
     lpr.forget();
     EXPECT_EQ(QORAPrinterCupsPrintFile(kId2.c_str(), "/etc/hostname", nullptr, 0), -1);
     EXPECT_EQ(log_.count(("cannot get cups printer name, printer=" + kId2).c_str()), 1u);
     EXPECT_TRUE(lpr.runs().empty());
-    ASSERT_EQ(QLIBCFileSetSectionValue(kConf, kId3.c_str(), "cups printer name", "gone"), 0);
-    EXPECT_EQ(QORAPrinterCupsPrintTestPage(kId3.c_str()), -1);
-    expect_code(ERR_EXTERNAL_FAILED, "printer_cups_print_file.cpp");
-    EXPECT_EQ(log_.count("execv error, cmd=/usr/bin/lpr, ret=1"), 1u);
-    EXPECT_EQ(log_.count(("cannot print test page, printer id=" + kId3).c_str()), 1u);
     EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId2.c_str(), "1"), -1);
 }
 

@@ -1,61 +1,43 @@
 // A private CUPS scheduler for tests that run inside the sandbox.
 //
-// install() runs qp-cupsd-setup (cupsd_setup.sh): the configuration for the
-// real /usr/sbin/cupsd at its default place in the sandbox's /etc/cups, so a
-// plain "/usr/sbin/cupsd" (as the library starts it) uses it too.
+// start() first runs qp-cupsd-setup (cupsd_setup.sh): the configuration for
+// the real /usr/sbin/cupsd at its default place in the sandbox's /etc/cups,
+// so a plain "/usr/sbin/cupsd" (as the library starts it) uses it too.
 //
 // Use from any test binary: add cupsd_fixture.cpp to its SOURCES and
 //
 //     qpcups::Cupsd cupsd;          // one per binary, e.g. in a test environment
 //     ASSERT_TRUE(cupsd.start());
-//     cupsd.queues();               // lpstat -v, as {name, device URI}
+//     qpcups::Cupsd::uri_of("q");   // lpstat -v q: its device URI
 //
 // Never use it outside the sandbox: it writes /etc/cups and starts a daemon.
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace qpcups {
 
-inline constexpr const char *kSocket = "/run/cups/cups.sock";
 inline constexpr const char *kPrintersConf = "/etc/cups/printers.conf";
 inline constexpr const char *kPpdDir = "/etc/cups/ppd";
 // Real PPD files that ship with the print service's filters.
 inline constexpr const char *kPpdGeneric = "/usr/share/ppd/cupsfilters/Generic-PDF_Printer-PDF.ppd";
 inline constexpr const char *kPpdPxlMono = "/usr/share/ppd/cupsfilters/pxlmono.ppd";
 
-struct Queue {
-    std::string name;
-    std::string uri;
-};
-
 class Cupsd {
 public:
     Cupsd() = default;
     Cupsd(const Cupsd &) = delete;
     Cupsd &operator=(const Cupsd &) = delete;
-    ~Cupsd();  // stops the scheduler
+    ~Cupsd() { stop(); }
 
-    // Runs qp-cupsd-setup (which forgets every queue); start() calls it once.
-    static void install();
-
-    // Starts /usr/sbin/cupsd -f unless one runs; true once its socket accepts.
+    // Starts /usr/sbin/cupsd unless one runs; true once it answers.
     bool start();
-    // Stops whichever cupsd runs (ours, or one the library started), by PID,
-    // and waits until it is gone.
+    // Stops whichever cupsd runs (ours, or one the library started) and waits
+    // until it is gone.
     void stop();
-    // The socket accepts connections.
-    static bool running();
-    // PID of the running cupsd (from /proc), or -1.
-    static pid_t find_pid();
 
-    // "lpstat -v" as queues, in its order.
-    static std::vector<Queue> queues();
-    static bool has_queue(const std::string &name);
+    static bool has_queue(const std::string &name) { return !uri_of(name).empty(); }
     static std::string uri_of(const std::string &name);  // "" when absent
     // "lpstat -p NAME" says "disabled".
     static bool is_stopped(const std::string &name);
@@ -65,16 +47,9 @@ public:
     static std::vector<std::string> jobs(const std::string &name);
 
     // Creates a queue directly with the real lpadmin (not the library).
-    static bool add_queue(const std::string &name, const std::string &uri, const std::string &ppd = "");
+    static bool add_queue(const std::string &name, const std::string &uri);
     // Deletes every queue, and every job with it.
     static void remove_all_queues();
-
-    // Waits until printers.conf mentions (or no longer mentions) a text:
-    // the scheduler writes it a few ms after a change.
-    static bool wait_printers_conf(const std::string &text, bool present, int timeout_ms = 3000);
-
-private:
-    pid_t pid_ = -1;  // the cupsd we started and must reap
 };
 
 }  // namespace qpcups
