@@ -69,7 +69,8 @@ void write_file(const std::string &path, std::string_view content, mode_t mode) 
     if (slash != std::string::npos && slash > 0) mkdirs(path.substr(0, slash));
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
     // The mode is set as given, whatever the umask or an older file had.
-    if (fd < 0 || fchmod(fd, mode) != 0 ||
+    struct stat st;
+    if (fd < 0 || fstat(fd, &st) != 0 || ((st.st_mode & 07777) != mode && fchmod(fd, mode) != 0) ||
         write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size()))
         ADD_FAILURE() << "write " << path << ": " << strerror(errno);
     if (fd >= 0) close(fd);

@@ -45,7 +45,7 @@ void setup() {
     clear_library_files();
 }
 
-void control(const std::string &lines) { qpt::write_file("/dev/usb/control", lines + "\n"); }
+void control(const std::string &lines) { qpt::write_file("/dev/usb/control", lines + "\n", 0666); }
 
 std::vector<std::string> events() {
     std::vector<std::string> out;
