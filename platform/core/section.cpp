@@ -21,8 +21,7 @@ enum class Kind { Header, Entry, Blank, Comment, Garbage };
 
 struct Parsed {
     Kind kind = Kind::Garbage;
-    std::string_view name;  // Header
-    std::string_view key;   // Entry
+    std::string_view key;  // Entry
     std::string_view value;
 };
 
@@ -33,7 +32,6 @@ Parsed classify(std::string_view text) {
         p.kind = Kind::Blank;
     } else if (t.size() >= 2 && t.front() == '[' && t.back() == ']') {
         p.kind = Kind::Header;
-        p.name = t.substr(1, t.size() - 2);
     } else if (t.front() == '#' || t.front() == ';') {
         p.kind = Kind::Comment;
     } else if (size_t eq = t.find('='); eq != std::string_view::npos && !qc::trim(t.substr(0, eq)).empty()) {
