@@ -5,8 +5,8 @@
 # with the sandbox.
 #
 #   netlab.sh up [snmp] [bjnp] [avahi] [replay] [ipp]   (no component: all but ipp)
-#   netlab.sh ipp [OPTION...]   (re)start the IPP printers; OPTIONs go to the
-#                               one at 10.123.0.8 (e.g. -a ATTRIBUTES-FILE)
+#   netlab.sh ipp OPTION...   restart the IPP printer at 10.123.0.8 with these
+#                             options (e.g. -a lab/eve.attrs -c lab/eve-print.sh)
 #   netlab.sh down
 #
 # Layout: this namespace is the client (veth-c, 10.123.0.1/24); the
@@ -143,38 +143,36 @@ EOF
 # Everywhere printer is announced by avahi-publish instead, with the TXT
 # keys such a printer has.
 ipp_start() {  # tag host v4 v6 options...
-    local tag=$1 host=$2 v4=$3 v6=$4 pid
+    local tag=$1 host=$2 v4=$3 v6=$4
     shift 4
-    if [ -s $LAB/ipp-$tag.pid ]; then
-        kill "$(cat $LAB/ipp-$tag.pid)" 2>/dev/null || true
+    if [ -s $LAB/ipp-$tag.pid ]; then  # a restart
+        kill "$(cat $LAB/ipp-$tag.pid)"
         wait_for 5 sh -c "! ip netns exec $NS ss -Hltn 'src $v4:631' | grep -q ."
+    else
+        ip -n $NS addr add $v6/64 dev veth-p nodad
+        printf '%s %s\n%s %s\n' $v4 $host $v6 $host >> /etc/hosts
     fi
-    ip -n $NS addr show dev veth-p | grep -q " $v6/" || ip -n $NS addr add $v6/64 dev veth-p nodad
-    grep -q " $host\$" /etc/hosts || printf '%s %s\n%s %s\n' $v4 $host $v6 $host >> /etc/hosts
     mkdir -p $LAB/$tag
-    pid=$(cat $LAB/avahi-prn.pid)
     DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket \
-        nsenter -t "$pid" -m -n -r -w /usr/sbin/ippeveprinter -p 631 -n $host -r off -d $LAB/$tag -k "$@" \
-        </dev/null >$LAB/ipp-$tag.log 2>&1 &
+        nsenter -t "$(cat $LAB/avahi-prn.pid)" -m -n -r -w /usr/sbin/ippeveprinter -p 631 -n $host -r off \
+        -d $LAB/$tag -k "$@" </dev/null >$LAB/ipp-$tag.log 2>&1 &
     echo $! > $LAB/ipp-$tag.pid
     wait_for 5 sh -c "ip netns exec $NS ss -Hltn 'src $v4:631' | grep -q ." \
         || { log "ippeveprinter $tag did not come up: $(cat $LAB/ipp-$tag.log)"; return 1; }
 }
 
-ipp_up() {  # options for the IPP Everywhere printer
+ipp_up() {
+    [ -s $LAB/ipp-eve.pid ] && return 0
     [ -s $LAB/avahi-prn.pid ] || { avahi_client_up; avahi_up; }
-    ip -n $NS addr show dev veth-p | grep -q ' 10.123.0.8/' || ip -n $NS addr add 10.123.0.8/24 dev veth-p
+    ip -n $NS addr add 10.123.0.8/24 dev veth-p
+    DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket \
+        nsenter -t "$(cat $LAB/avahi-prn.pid)" -m -n -r -w setsid avahi-publish -s -H qp-eve.local "ACME Eve" \
+        _ipp._tcp 631 txtvers=1 rp=ipp/print "ty=ACME Eve 1" pdl=image/pwg-raster,image/urf \
+        usb_MFG=ACME "usb_MDL=Eve 1" usb_CMD=PWG,URF </dev/null >/dev/null 2>&1 &
+    echo $! > $LAB/ipp-mdns.pid
     # Each document is taken at once (/bin/true), not after the simulated
     # 5-15 s of printing ippeveprinter spends without a command.
-    [ $# -gt 0 ] || set -- -M ACME -m "Eve 1" -c /bin/true
-    if [ ! -s $LAB/ipp-mdns.pid ]; then
-        DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket \
-            nsenter -t "$(cat $LAB/avahi-prn.pid)" -m -n -r -w setsid avahi-publish -s -H qp-eve.local "ACME Eve" \
-            _ipp._tcp 631 txtvers=1 rp=ipp/print "ty=ACME Eve 1" pdl=image/pwg-raster,image/urf \
-            usb_MFG=ACME "usb_MDL=Eve 1" usb_CMD=PWG,URF </dev/null >/dev/null 2>&1 &
-        echo $! > $LAB/ipp-mdns.pid
-    fi
-    ipp_start eve qp-eve.local 10.123.0.8 fd00:123::8 "$@" "ACME Eve" &&
+    ipp_start eve qp-eve.local 10.123.0.8 fd00:123::8 -M ACME -m "Eve 1" -c /bin/true "ACME Eve" &&
         ipp_start old qp-office.local 10.123.0.2 fd00:123::2 -M ACME -m X1 -f application/postscript -c /bin/true "ACME X1"
 }
 
@@ -225,7 +223,7 @@ up)
     ;;
 ipp)
     shift
-    ipp_up "$@"
+    ipp_start eve qp-eve.local 10.123.0.8 fd00:123::8 "$@" "ACME Eve"
     ;;
 down)
     for f in $LAB/*.pid; do [ -f "$f" ] && kill "$(cat "$f")" 2>/dev/null || true; done
@@ -234,7 +232,7 @@ down)
     ip netns del $NS 2>/dev/null || true
     ;;
 *)
-    echo "usage: netlab.sh up [snmp] [bjnp] [avahi] [replay] [ipp] | ipp [OPTION...] | down" >&2
+    echo "usage: netlab.sh up [snmp] [bjnp] [avahi] [replay] [ipp] | ipp OPTION... | down" >&2
     exit 2
     ;;
 esac
