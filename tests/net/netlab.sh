@@ -15,8 +15,7 @@
 #               BJNP responder, mDNS host qp-office (ipp 631, socket 9100)
 #   10.123.0.3  SNMP agent: device ID, no device URI; mDNS qp-basement (lpd 515)
 #   10.123.0.4  SNMP agent: device URI, no device ID; mDNS qp-web (http 80 only)
-#   10.123.0.5  SNMP agent: odd values (hex, quotes, newlines, empty);
-#               mDNS qp-odd (ipp 631 with a ';' inside a TXT value)
+#   10.123.0.5  SNMP agent: odd values (hex, quotes, newlines, empty)
 #   10.123.0.6  SNMP agent: 10,000 objects, device ID among the first;
 #               mDNS qp-half (ipp 631 without usb_MDL)
 #   10.123.0.7  SNMP agent with another community
@@ -103,36 +102,21 @@ bjnp_up() {
 }
 
 # The printers' mDNS side: a D-Bus and an avahi-daemon of their own in a
-# mount namespace with its own /run, and avahi-publish for each service.
-# The daemon runs under another name so that the client's check for a
-# running "avahi-daemon" does not see it.
+# mount namespace with its own /run and lab/avahi as /etc/avahi (the host
+# names in hosts, the printers' services in services/).  The daemon runs
+# under another name so that the client's check for a running
+# "avahi-daemon" does not see it.
 avahi_up() {
     ln -sf /usr/sbin/avahi-daemon $LAB/qp-prn-avahid
-    cat > $LAB/avahi-prn.sh <<EOF
-set -e
-mount -t tmpfs tmpfs /run
-mkdir -p /run/dbus /run/avahi-daemon $LAB
-dbus-daemon --system --fork
-for i in \$(seq 100); do [ -S /run/dbus/system_bus_socket ] && break; sleep 0.05; done
-$LAB/qp-prn-avahid -f $HERE/lab/avahi-printers.conf --no-drop-root --no-chroot --no-rlimits -D
-for i in \$(seq 100); do [ -S /run/avahi-daemon/socket ] && break; sleep 0.05; done
-cat /run/avahi-daemon/pid > $LAB/avahi-prn.pid || true
-pub() { setsid avahi-publish "\$@" </dev/null >/dev/null 2>&1 & }
-pub -a -R qp-office.local 10.123.0.2
-pub -a -R qp-basement.local 10.123.0.3
-pub -a -R qp-web.local 10.123.0.4
-pub -a -R qp-odd.local 10.123.0.5
-pub -a -R qp-half.local 10.123.0.6
-pub -a -R qp-eve.local 10.123.0.8
-pub -s -H qp-office.local Office _ipp._tcp 631 usb_MFG=ACME usb_MDL=X1 usb_CMD=PCL
-pub -s -H qp-office.local "Office raw" _pdl-datastream._tcp 9100 usb_MFG=ACME usb_MDL=X1 usb_CMD=PCL,PJL
-pub -s -H qp-basement.local Basement _printer._tcp 515 usb_MFG=Bolt usb_MDL=B-200 usb_CMD=PS
-pub -s -H qp-web.local Webpage _http._tcp 80 usb_MFG=Web usb_MDL=W1
-pub -s -H qp-odd.local Odd _ipp._tcp 631 usb_MFG=Odd "usb_MDL=Q;9" usb_CMD=PCL
-pub -s -H qp-half.local Half _ipp._tcp 631 usb_MFG=Half usb_CMD=PCL
-sleep 0.5
-EOF
-    ip netns exec $NS /bin/bash $LAB/avahi-prn.sh
+    ip netns exec $NS /bin/bash -ec "
+        mount -t tmpfs tmpfs /run
+        mount --bind $HERE/lab/avahi /etc/avahi
+        mkdir -p /run/dbus /run/avahi-daemon
+        dbus-daemon --system --fork
+        for i in \$(seq 100); do [ -S /run/dbus/system_bus_socket ] && break; sleep 0.05; done
+        $LAB/qp-prn-avahid --no-drop-root --no-chroot --no-rlimits -D
+        for i in \$(seq 100); do [ -S /run/avahi-daemon/socket ] && break; sleep 0.05; done
+        cat /run/avahi-daemon/pid > $LAB/avahi-prn.pid"
 }
 
 # IPP printers (ippeveprinter) in the printers' mount namespace, where the
@@ -140,8 +124,8 @@ EOF
 # addresses its host name has in /etc/hosts (an IPv6 one too: it refuses to
 # start without an IPv6 listener).  Its own DNS-SD registration would name
 # the daemon's host, whose address is any of the namespace's: the IPP
-# Everywhere printer is announced by avahi-publish instead, with the TXT
-# keys such a printer has.
+# Everywhere printer is announced by lab/avahi/services/eve.service instead,
+# with the TXT keys such a printer has.
 ipp_start() {  # tag host v4 v6 options...
     local tag=$1 host=$2 v4=$3 v6=$4
     shift 4
@@ -165,11 +149,6 @@ ipp_up() {
     [ -s $LAB/ipp-eve.pid ] && return 0
     [ -s $LAB/avahi-prn.pid ] || { avahi_client_up; avahi_up; }
     ip -n $NS addr add 10.123.0.8/24 dev veth-p
-    DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket \
-        nsenter -t "$(cat $LAB/avahi-prn.pid)" -m -n -r -w setsid avahi-publish -s -H qp-eve.local "ACME Eve" \
-        _ipp._tcp 631 txtvers=1 rp=ipp/print "ty=ACME Eve 1" pdl=image/pwg-raster,image/urf \
-        usb_MFG=ACME "usb_MDL=Eve 1" usb_CMD=PWG,URF </dev/null >/dev/null 2>&1 &
-    echo $! > $LAB/ipp-mdns.pid
     # Each document is taken at once (/bin/true), not after the simulated
     # 5-15 s of printing ippeveprinter spends without a command.
     ipp_start eve qp-eve.local 10.123.0.8 fd00:123::8 -M ACME -m "Eve 1" -c /bin/true "ACME Eve" &&
