@@ -23,7 +23,7 @@ qpcups::Cupsd *g_cupsd = nullptr;
 class Lab : public ::testing::Environment {
 public:
     void SetUp() override {
-        ASSERT_TRUE(qpnet::lab_up({"replay"}));
+        ASSERT_TRUE(qpnet::lab_up({}));
         g_cupsd = new qpcups::Cupsd;
         ASSERT_TRUE(g_cupsd->start());
         ASSERT_TRUE(qpcups::Cupsd::add_queue("Office", "ipp://10.123.0.2/ipp/print"));
@@ -33,13 +33,6 @@ public:
     void TearDown() override { delete g_cupsd; }
 };
 ::testing::Environment *const kLab = ::testing::AddGlobalTestEnvironment(new Lab);
-
-// Moves a tool away for the life of the object: starting it then fails.
-struct ToolGone {
-    explicit ToolGone(std::string p) : path(std::move(p)) { EXPECT_EQ(rename(path.c_str(), (path + ".away").c_str()), 0); }
-    ~ToolGone() { rename((path + ".away").c_str(), path.c_str()); }
-    std::string path;
-};
 
 class QueueCheck : public ::testing::Test {
 protected:
@@ -64,7 +57,7 @@ TEST_F(QueueCheck, AddressMustStandBetweenSlashes) {
 
 TEST_F(QueueCheck, NothingToAskWithoutPrintersOrScheduler) {
     {
-        ToolGone lpstat("/usr/bin/lpstat");  // were it run, the checks would fail
+        qpnet::StandIn lpstat("/usr/bin/lpstat");  // were it run, the checks would fail
         qpt::remove_file(kNptab);
         EXPECT_EQ(QORAPrinterNetIPCheck("10.123.0.2"), 1);
         EXPECT_EQ(QORAPrinterNetCupsNameAndIPCheck("10.123.0.2", "Office"), 0);
@@ -86,7 +79,7 @@ TEST_F(QueueCheck, NothingToAskWithoutPrintersOrScheduler) {
 
     // A listing that cannot start fails at once, without a message.
     qpt::write_file(kNptab, "10.123.0.2=\"Office\"\n");
-    ToolGone lpstat("/usr/bin/lpstat");
+    qpnet::StandIn lpstat("/usr/bin/lpstat");
     log.reset();
     const time_t start = time(nullptr);
     EXPECT_EQ(QORAPrinterNetIPCheck("10.123.0.2"), -1);
@@ -106,16 +99,15 @@ TEST(Ping, RealPingInterruptedAndMissing) {
     EXPECT_EQ(QORAPrinterNetPingStatus("10.123.0.9", status, sizeof status), 0);
     EXPECT_STREQ(status, "Offline");
 
-    qpnet::replay("ping-rec", "1 packets transmitted, 1 received, 0% packet loss\n", "1.5");
     {
+        qpnet::StandIn slow("/usr/bin/ping", "1 packets transmitted, 1 received, 0% packet loss\n", "1.5");
         qpnet::Interrupter alarms(100);
         strcpy(status, "untouched");
-        EXPECT_EQ(QORAPrinterNetPingStatus("rec", status, sizeof status), -1);
+        EXPECT_EQ(QORAPrinterNetPingStatus("10.123.0.2", status, sizeof status), -1);
         EXPECT_STREQ(status, "Offline");
     }
-    qpnet::unreplay("ping-rec");
 
-    ToolGone ping("/usr/bin/ping");
+    qpnet::StandIn gone("/usr/bin/ping");
     strcpy(status, "untouched");
     errno = EDOM;
     EXPECT_EQ(QORAPrinterNetPingStatus("10.123.0.2", status, sizeof status), -1);

@@ -1,10 +1,10 @@
 #!/bin/bash
 # A small network of simulated printers for the tests, benchmarks and demo.
 # Run it ONLY inside the sandbox (qp-sandbox): it creates network namespaces,
-# writes /etc/snmp, /etc/avahi and moves tools aside, all of which vanish
+# writes /etc/snmp, /etc/avahi and /etc/hosts, all of which vanish
 # with the sandbox.
 #
-#   netlab.sh up [snmp] [bjnp] [avahi] [replay] [ipp]   (no component: all but ipp)
+#   netlab.sh up [snmp] [bjnp] [avahi] [ipp]   (no component: the network only)
 #   netlab.sh ipp OPTION...   restart the IPP printer at 10.123.0.8 with these
 #                             options (e.g. -a lab/eve.attrs -c lab/eve-print.sh)
 #   netlab.sh down
@@ -24,9 +24,6 @@
 #               every document it receives in /tmp/qp-net/eve (component ipp)
 #   10.123.0.2  with ipp: also an IPP printer on 631 that takes PostScript only
 #   10.123.0.9  nobody (no host answers)
-# "replay" installs stand-ins over snmpwalk, ping, the BJNP backend and
-# avahi-browse that print a recorded output when a test left one in
-# /tmp/qp-net/replay, and run the real tool otherwise.
 set -eu
 
 HERE=$(cd "$(dirname "$0")" && pwd)
@@ -167,34 +164,15 @@ avahi_client_up() {
     [ -e /usr/qora/sbin/avahi-browse ] || ln -s /usr/bin/avahi-browse /usr/qora/sbin/avahi-browse
 }
 
-replay_up() {
-    local real=/usr/lib/qp-net-real
-    mkdir -p $real $LAB/replay /usr/qora/sbin
-    local tool path
-    for path in /usr/bin/snmpwalk /usr/bin/ping /usr/lib/cups/backend/bjnp /usr/qora/sbin/avahi-browse; do
-        tool=$(basename $path)
-        [ -e $real/$tool ] && continue
-        if [ $tool = avahi-browse ]; then
-            ln -sf /usr/bin/avahi-browse $real/$tool
-            rm -f $path
-        else
-            mv $path $real/$tool
-        fi
-        install -m 0755 "$HERE/replay.sh" $path
-    done
-}
-
 case "${1:-}" in
 up)
     shift
-    [ $# -gt 0 ] || set -- snmp bjnp avahi replay
     net_up
     for c in "$@"; do
         case $c in
         snmp) snmp_up ;;
         bjnp) bjnp_up ;;
         avahi) avahi_client_up; avahi_up ;;
-        replay) replay_up ;;
         ipp) ipp_up ;;
         *) log "unknown component $c"; exit 2 ;;
         esac
@@ -211,7 +189,7 @@ down)
     ip netns del $NS 2>/dev/null || true
     ;;
 *)
-    echo "usage: netlab.sh up [snmp] [bjnp] [avahi] [replay] [ipp] | ipp OPTION... | down" >&2
+    echo "usage: netlab.sh up [snmp] [bjnp] [avahi] [ipp] | ipp OPTION... | down" >&2
     exit 2
     ;;
 esac
