@@ -7,7 +7,6 @@
 #   netlab.sh up [snmp] [bjnp] [avahi] [ipp]   (no component: the network only)
 #   netlab.sh ipp OPTION...   restart the IPP printer at 10.123.0.8 with these
 #                             options (e.g. -a lab/eve.attrs -c lab/eve-print.sh)
-#   netlab.sh down
 #
 # Layout: this namespace is the client (veth-c, 10.123.0.1/24); the
 # namespace qp-prn holds the printers (veth-p):
@@ -31,10 +30,7 @@ LAB=/tmp/qp-net
 NS=qp-prn
 export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket
 
-if [ "${QP_SANDBOX:-}" != 1 ]; then
-    echo "netlab.sh: run me inside qp-sandbox" >&2
-    exit 2
-fi
+[ "${QP_SANDBOX:-}" = 1 ] || { echo "netlab.sh: run me inside qp-sandbox" >&2; exit 2; }
 
 log() { echo "netlab: $*" >&2; }
 
@@ -62,29 +58,18 @@ net_up() {
     wait_for 5 ping -c 1 -W 1 10.123.0.2
 }
 
-# snmpd agent: address, then its configuration file (lab/snmpd-ADDRESS.conf by default).
-agent() {
-    ip netns exec $NS /usr/sbin/snmpd -f -C -I -smux -Lf /dev/null -p $LAB/snmpd-$1.pid \
-        -c "$HERE/lab/snmpd-common.conf,${2:-$HERE/lab/snmpd-$1.conf}" "udp:$1:161" </dev/null >/dev/null 2>&1 &
-}
-
 snmp_up() {
     mkdir -p /etc/snmp
     # snmpwalk finds "enterprises" only through a MIB; Debian ships none.
     printf 'mibdirs %s\nmibs SNMPv2-SMI\n' "$HERE/mibs" > /etc/snmp/snmp.conf
+    seq 9997 | sed 's/.*/override .1.3.6.1.4.1.2699.1.2.1.9.1.& octet_str "object number & of the big agent"/' \
+        > $LAB/snmpd-big.conf
     local a
-    for a in 2 3 4 5 7; do agent 10.123.0.$a; done
-    # 10,000 objects; the device ID is the third.
-    {
-        echo "rocommunity tarvel default -V printer"
-        echo "override .1.3.6.1.4.1.11.2.3.9.1.1.1.0 octet_str \"card\""
-        echo "override .1.3.6.1.4.1.11.2.3.9.1.1.2.0 integer 1"
-        echo "override .1.3.6.1.4.1.11.2.3.9.1.1.3.0 octet_str \"MFG:ACME;CMD:PCL;MDL:Big;CLS:PRINTER;\""
-        for ((a = 1; a <= 9997; a++)); do
-            echo "override .1.3.6.1.4.1.2699.1.2.1.9.1.$a octet_str \"object number $a of the big agent\""
-        done
-    } > $LAB/snmpd-big.conf
-    agent 10.123.0.6 $LAB/snmpd-big.conf
+    for a in 2 3 4 5 6 7; do
+        ip netns exec $NS /usr/sbin/snmpd -f -C -I -smux -Lf /dev/null -p $LAB/snmpd-$a.pid \
+            -c "$HERE/lab/snmpd-common.conf,$HERE/lab/snmpd-10.123.0.$a.conf" "udp:10.123.0.$a:161" \
+            </dev/null >/dev/null 2>&1 &
+    done
     for a in 2 3 4 5 6 7; do
         wait_for 10 sh -c "ip netns exec $NS ss -Hlun 'src 10.123.0.$a:161' | grep -q ." \
             || { log "snmpd on 10.123.0.$a did not come up"; return 1; }
@@ -182,14 +167,8 @@ ipp)
     shift
     ipp_start eve qp-eve.local 10.123.0.8 fd00:123::8 "$@" "ACME Eve"
     ;;
-down)
-    for f in $LAB/*.pid; do [ -f "$f" ] && kill "$(cat "$f")" 2>/dev/null || true; done
-    ip netns pids $NS 2>/dev/null | xargs -r kill 2>/dev/null || true
-    ip link del veth-c 2>/dev/null || true
-    ip netns del $NS 2>/dev/null || true
-    ;;
 *)
-    echo "usage: netlab.sh up [snmp] [bjnp] [avahi] [ipp] | ipp OPTION... | down" >&2
+    echo "usage: netlab.sh up [snmp] [bjnp] [avahi] [ipp] | ipp OPTION..." >&2
     exit 2
     ;;
 esac
