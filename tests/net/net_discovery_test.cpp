@@ -2,7 +2,6 @@
 // a simulated BJNP printer and avahi announcements in the printer namespace;
 // recorded listings for the lines real peers never print.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <string.h>
 #include <syslog.h>
 
@@ -15,16 +14,7 @@
 
 namespace {
 
-class Lab : public ::testing::Environment {
-public:
-    void SetUp() override {
-        ASSERT_TRUE(qpnet::lab_up({"bjnp", "avahi"}));
-        // The daemons of the lab and the one the library starts use the
-        // standard system bus of this sandbox.
-        setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/run/dbus/system_bus_socket", 1);
-    }
-};
-::testing::Environment *const kLab = ::testing::AddGlobalTestEnvironment(new Lab);
+::testing::Environment *const kLab = ::testing::AddGlobalTestEnvironment(new qpnet::LabUp({"bjnp", "avahi"}));
 
 PrinterNetInfo caller_info() {
     PrinterNetInfo info;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <sys/time.h>
 
 #include "qp_test.hpp"
@@ -10,6 +11,7 @@
 namespace qpnet {
 
 bool lab_up(const std::vector<std::string> &components) {
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/run/dbus/system_bus_socket", 1);
     std::vector<std::string> argv = {"/bin/bash", qpt::source_path("tests/net/netlab.sh"), "up"};
     argv.insert(argv.end(), components.begin(), components.end());
     const qpt::RunResult r = qpt::run(argv);

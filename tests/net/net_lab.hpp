@@ -2,14 +2,24 @@
 // netlab.sh, stand-ins for the network tools, and reads interrupted by a signal.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace qpnet {
 
-// netlab.sh up with these components; false (and its stderr printed) on failure.
+// netlab.sh up with these components; false (and its stderr printed) on
+// failure.  The lab's daemons and the tests use the sandbox's system bus.
 bool lab_up(const std::vector<std::string> &components);
+
+// The lab with these components, up before the first test.
+struct LabUp : ::testing::Environment {
+    explicit LabUp(std::vector<std::string> c) : components(std::move(c)) {}
+    void SetUp() override { ASSERT_TRUE(lab_up(components)); }
+    const std::vector<std::string> components;
+};
 
 // While alive, a script stands in for the tool at path: it counts its runs,
 // waits delay_s seconds and prints the output (PATH.out.N in place of it for
