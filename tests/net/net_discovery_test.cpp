@@ -113,11 +113,11 @@ TEST(Avahi, RecordedBrowse) {
     PrinterNetInfo info = caller_info();
     {
         qpnet::StandIn browse("/usr/qora/sbin/avahi-browse",
-                              rec + "10.9.9.20;8611;\"usb_MFG=B\" \"usb_MDL=J\"\n" + rec +
-                                  "10.9.9.2;631;\"usb_MFG=I\" \"usb_MDL=" + std::string(2000, 'p') + "\"\n" + rec +
-                                  "10.9.9.2;515;\"usb_MFG=L\" \"usb_MDL=Q\"\n");
+                              rec + "10.9.9.2;8611;\"usb_MFG=L\" \"usb_MDL=Q\"\n" + rec +
+                                  "10.9.9.20;8611;\"usb_MFG=B\" \"usb_MDL=J\"\n" + rec +
+                                  "10.9.9.2;631;\"usb_MFG=I\" \"usb_MDL=" + std::string(2000, 'p') + "\"\n");
         EXPECT_EQ(QORAPrinterNetAvahiInfoGet("10.9.9.2", &info), 0);
-        EXPECT_STREQ(info.szBackend, "lpd");  // 10.9.9.20's bjnp record is another address
+        EXPECT_STREQ(info.szBackend, "bjnp");  // 8611 first; 10.9.9.20's record is another address
         EXPECT_STREQ(info.szModel, "Q");
     }
     // Ten interrupted reads end the call, the record untouched.
