@@ -2,12 +2,12 @@
 // Everywhere printer of netlab.sh (ippeveprinter at 10.123.0.8) from what it
 // says over IPP, the library prints through the real scheduler and filters,
 // and the printer's spool shows what arrived.  Also the printer's status.
-#include <dirent.h>
-#include <stdio.h>
 #include <gtest/gtest.h>
+#include <stdio.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -20,45 +20,33 @@ namespace {
 
 constexpr const char *kEve = "10.123.0.8";
 constexpr const char *kId = "10.123.0.8-Eve";
-const std::string kSpool = "/tmp/qp-net/eve/";
 
 qpt::RunResult cli(std::vector<std::string> args) {
     args.insert(args.begin(), qpt::bin_path("qoraprinter"));
     return qpt::run(args);
 }
 
-// The documents received (N-TITLE.EXT; N-TITLE.prn is what the printer's
-// print command wrote).
+// The documents received, sorted (N-TITLE.EXT; N-TITLE.prn would be what
+// the printer's print command wrote).
 std::vector<std::string> spool() {
     std::vector<std::string> names;
-    if (DIR *d = opendir(kSpool.c_str())) {
-        while (dirent *e = readdir(d)) {
-            const std::string name = e->d_name;
-            if (name[0] != '.' && !name.ends_with(".prn")) names.push_back(name);
-        }
-        closedir(d);
-    }
+    for (const auto &e : std::filesystem::directory_iterator("/tmp/qp-net/eve"))
+        if (e.path().extension() != ".prn") names.push_back(e.path().filename());
+    std::sort(names.begin(), names.end());
     return names;
 }
 
 // Waits (bounded) until the library says the job has left the queue.
 bool left_queue(const std::string &job) {
-    for (int i = 0; i < 120; ++i) {
-        if (QORAPrinterCupsJobWaitComplete(kId, job.c_str()) == 0) return true;
-        usleep(250000);
-    }
-    return false;
+    return qpt::wait_until([&] { return QORAPrinterCupsJobWaitComplete(kId, job.c_str()) == 0; }, 30000);
 }
 
-// Prints with fn and answers the new job's number ("" if none appeared).
-template <class F>
-std::string submit(F &&fn) {
+// Prints the file and answers the new job's number ("" if none appeared).
+std::string submit(const char *file, const char *title) {
     const auto before = qpcups::Cupsd::jobs("Eve");
-    if (fn() != 0) return "";
-    const auto after = qpcups::Cupsd::jobs("Eve");
-    for (const auto &j : after) {
-        if (std::find(before.begin(), before.end(), j) == before.end()) return j;
-    }
+    const int r = file ? QORAPrinterCupsPrintFile(kId, file, title, 0) : QORAPrinterCupsPrintTestPage(kId);
+    for (const auto &j : qpcups::Cupsd::jobs("Eve"))
+        if (r == 0 && std::find(before.begin(), before.end(), j) == before.end()) return j;
     return "";
 }
 
@@ -78,19 +66,16 @@ public:
 // Printers that cannot be configured driverlessly: a clear "no" (exit 3)
 // naming what is missing, and nothing registered.
 TEST(Driverless, RefusesWhatIsNotIppEverywhere) {
-    const struct { std::vector<std::string> args; int status; const char *err; } rows[] = {
-        {{"10.123.0.2"}, 3, "no IPP Everywhere printer: it takes none of the driverless formats image/pwg-raster, "
-                            "image/urf, application/PCLm, application/pdf (it takes: application/octet-stream, "
-                            "application/postscript)"},
-        {{"10.123.0.3"}, 3, "10.123.0.3 does not speak IPP: no IPP answer from ipp://10.123.0.3/ipp/print"},
-        {{"-T"}, 1, "'-T' is no IPv4 address or host name"},
-        {{"10.123.0.8", "--ppd", "/etc/passwd"}, 2, "usage:"},
+    const struct { const char *address; int status; const char *err; } rows[] = {
+        {"10.123.0.2", 3, "no IPP Everywhere printer: it takes none of the driverless formats image/pwg-raster, "
+                          "image/urf, application/PCLm, application/pdf (it takes: application/octet-stream, "
+                          "application/postscript)"},
+        {"10.123.0.3", 3, "10.123.0.3 does not speak IPP: no IPP answer from ipp://10.123.0.3/ipp/print"},
+        {"-T", 1, "'-T' is no IPv4 address or host name"},
     };
     for (const auto &r : rows) {
-        std::vector<std::string> args = {"net", "configure", "--name", "No", "--driverless"};
-        args.insert(args.end(), r.args.begin(), r.args.end());
-        const auto res = cli(args);
-        EXPECT_EQ(res.status, r.status) << r.args[0] << res.err;
+        const auto res = cli({"net", "configure", "--name", "No", "--driverless", r.address});
+        EXPECT_EQ(res.status, r.status) << r.address << res.err;
         EXPECT_NE(res.err.find(r.err), std::string::npos) << res.err;
     }
     EXPECT_FALSE(qpcups::Cupsd::has_queue("No"));
@@ -108,31 +93,23 @@ TEST(Driverless, ConfiguredQueueDeliversEveryJob) {
         EXPECT_NE(section.find(line), std::string::npos) << section;
     const std::string ppd = qpt::read_file("/etc/cups/ppd/Eve.ppd");
     EXPECT_NE(ppd.find("*NickName: \"ACME Eve 1, driverless"), std::string::npos) << ppd.substr(0, 400);
-    EXPECT_TRUE(spool().empty());
 
+    // A PDF, a text file and the test page: one document per job, in a
+    // raster format the printer announced (Apple or PWG raster), of a
+    // plausible size for a page.
     qpt::write_file("/tmp/eve-doc.pdf", qpt::read_file(qpt::source_path("tests/net/lab/driverless.pdf")));
     qpt::write_file("/tmp/eve-doc.txt", "A line of text.\nAnother line.\n");
-    const std::string jobs[] = {
-        submit([] { return QORAPrinterCupsPrintFile(kId, "/tmp/eve-doc.pdf", "pdf", 0); }),
-        submit([] { return QORAPrinterCupsPrintFile(kId, "/tmp/eve-doc.txt", "text", 0); }),
-        submit([] { return QORAPrinterCupsPrintTestPage(kId); }),
-    };
+    const std::string jobs[] = {submit("/tmp/eve-doc.pdf", "pdf"), submit("/tmp/eve-doc.txt", "text"),
+                                submit(nullptr, "")};
     for (const auto &j : jobs) {
         ASSERT_FALSE(j.empty());
         EXPECT_TRUE(left_queue(j)) << "job " << j << "\n" << qpcups::Cupsd::lpq("Eve");
     }
-    EXPECT_TRUE(qpcups::Cupsd::jobs("Eve").empty());
-
-    // One document per job, in a raster format the printer announced
-    // (Apple or PWG raster), of a plausible size for a page.
-    auto names = spool();
-    std::sort(names.begin(), names.end());
-    std::string listing;
-    for (const auto &n : names) listing += n + " ";
-    ASSERT_EQ(names.size(), 3u) << listing;
+    const auto names = spool();
+    ASSERT_EQ(names.size(), 3u) << ::testing::PrintToString(names);
     for (size_t i = 0; i < names.size(); ++i) {
         EXPECT_EQ(names[i].substr(0, names[i].find('-')), jobs[i]);
-        const std::string doc = qpt::read_file(kSpool + names[i]);
+        const std::string doc = qpt::read_file("/tmp/qp-net/eve/" + names[i]);
         EXPECT_TRUE(doc.compare(0, 8, std::string("UNIRAST\0", 8)) == 0 || doc.compare(0, 4, "RaS2") == 0) << names[i];
         EXPECT_GT(doc.size(), 2000u) << names[i];
         EXPECT_LT(doc.size(), 50u << 20) << names[i];
@@ -140,7 +117,7 @@ TEST(Driverless, ConfiguredQueueDeliversEveryJob) {
 
     // A stopped queue keeps its job; enabled, it delivers it.
     ASSERT_EQ(QORAPrinterCupsPrinterEnable("Eve", 0), 0);
-    const std::string held = submit([] { return QORAPrinterCupsPrintFile(kId, "/tmp/eve-doc.txt", "held", 0); });
+    const std::string held = submit("/tmp/eve-doc.txt", "held");
     ASSERT_FALSE(held.empty());
     sleep(2);
     EXPECT_EQ(QORAPrinterCupsJobWaitComplete(kId, held.c_str()), 1);
@@ -150,25 +127,14 @@ TEST(Driverless, ConfiguredQueueDeliversEveryJob) {
     EXPECT_EQ(spool().size(), 4u);
 }
 
-// State, reasons and supplies as the printer reports them: its attributes
-// file sets the markers; a document it is printing makes it "processing",
-// with the reasons its print command reports (through the queue Eve that
-// the test before configured).
+// State, reasons and supplies as the printer reports them (restarted with
+// lab/eve.attrs); a document keeps it "processing" a while, with the reasons
+// its print command reports (through the queue the test before configured).
 TEST(NetStatus, StateReasonsAndSupplies) {
-    qpt::write_file("/tmp/qp-net/eve.attrs",
-                    "ATTR textWithoutLanguage printer-make-and-model \"ACME Eve 2\"\n"
-                    "ATTR name marker-names \"Black, toner\",Waste,\"Drum \\\"A\\\"\"\n"
-                    "ATTR keyword marker-types toner,waste-toner,opc\n"
-                    "ATTR name marker-colors \"#000000\",none,none\n"
-                    "ATTR integer marker-levels 7,60,-3\n"
-                    "ATTR integer marker-low-levels 10,0,5\n"
-                    "ATTR integer marker-high-levels 100,90,100\n");
-    qpt::write_file("/tmp/qp-net/slow-print",
-                    "#!/bin/sh\necho 'STATE: +toner-low,media-empty' >&2\nsleep 4\n", 0755);
     const auto restart = qpt::run({"/bin/bash", qpt::source_path("tests/net/netlab.sh"), "ipp", "-a",
-                                   "/tmp/qp-net/eve.attrs", "-c", "/tmp/qp-net/slow-print"});
+                                   qpt::source_path("tests/net/lab/eve.attrs"), "-c",
+                                   qpt::source_path("tests/net/lab/eve-print.sh")});
     ASSERT_EQ(restart.status, 0) << restart.err;
-
     const auto idle = cli({"net", "status", kEve, "--json"});
     EXPECT_EQ(idle.status, 0) << idle.err;
     EXPECT_EQ(idle.out,
@@ -193,17 +159,13 @@ TEST(NetStatus, StateReasonsAndSupplies) {
     EXPECT_NE(busy.find("supply:    Black, toner (toner, #000000): 7 % (low)\n"), std::string::npos) << busy;
     EXPECT_NE(busy.find("supply:    Drum \"A\" (opc, none): unknown\n"), std::string::npos) << busy;
 
-    const struct { std::vector<std::string> args; int status; const char *out; } rows[] = {
-        {{"10.123.0.2"}, 0, "formats:   application/octet-stream, application/postscript\ndriverless: no\n"},
-        {{"10.123.0.3"}, 3, "10.123.0.3 does not speak IPP: no IPP answer from ipp://10.123.0.3/ipp/print ("},
-        {{"10.123.0.3", "--json"}, 3, "\"uri\":\"ipp://10.123.0.3/ipp/print\",\"ipp\":false,\"problem\":\"no IPP"},
-        {{"--x"}, 2, ""},
+    const struct { const char *address, *json; int status; const char *out; } rows[] = {
+        {"10.123.0.2", nullptr, 0, "formats:   application/octet-stream, application/postscript\ndriverless: no\n"},
+        {"10.123.0.3", "--json", 3, "\"uri\":\"ipp://10.123.0.3/ipp/print\",\"ipp\":false,\"problem\":\"no IPP"},
     };
     for (const auto &r : rows) {
-        std::vector<std::string> args = {"net", "status"};
-        args.insert(args.end(), r.args.begin(), r.args.end());
-        const auto res = cli(args);
-        EXPECT_EQ(res.status, r.status) << r.args[0] << res.err;
+        const auto res = r.json ? cli({"net", "status", r.address, r.json}) : cli({"net", "status", r.address});
+        EXPECT_EQ(res.status, r.status) << r.address << res.err;
         EXPECT_NE(res.out.find(r.out), std::string::npos) << res.out;
     }
     // Without ipptool there is no answer either way: a failure, not a "no".

@@ -1,5 +1,6 @@
 #include "net_lab.hpp"
 
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -9,12 +10,8 @@
 
 namespace qpnet {
 
-namespace {
-const std::string kReplay = "/tmp/qp-net/replay/";
-void on_alarm(int) {}
-}  // namespace
-
 bool lab_up(const std::vector<std::string> &components) {
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/run/dbus/system_bus_socket", 1);
     std::vector<std::string> argv = {"/bin/bash", qpt::source_path("tests/net/netlab.sh"), "up"};
     argv.insert(argv.end(), components.begin(), components.end());
     const qpt::RunResult r = qpt::run(argv);
@@ -22,33 +19,31 @@ bool lab_up(const std::vector<std::string> &components) {
     return r.status == 0;
 }
 
-void replay(const std::string &key, const std::string &output, const std::string &delay_s) {
-    qpt::write_file(kReplay + key + ".out", output);
-    qpt::remove_file(kReplay + key + ".runs");
-    if (!delay_s.empty()) {
-        qpt::write_file(kReplay + key + ".delay", delay_s);
-    } else {
-        qpt::remove_file(kReplay + key + ".delay");
-    }
+StandIn::StandIn(std::string p, std::optional<std::string> output, const std::string &delay_s) : path(std::move(p)) {
+    EXPECT_EQ(rename(path.c_str(), (path + ".away").c_str()), 0) << path;
+    if (!output) return;
+    qpt::write_file(path + ".out", *output);
+    qpt::write_file(path, "#!/bin/sh\necho run >>\"$0.runs\"\nn=$(wc -l <\"$0.runs\")\nsleep " + delay_s +
+                              "\nif [ -f \"$0.out.$n\" ]; then cat \"$0.out.$n\"; else cat \"$0.out\"; fi\n",
+                    0755);
 }
 
-void unreplay(const std::string &key) {
-    for (const char *ext : {".out", ".runs", ".delay", ".out.1", ".out.2", ".out.3"}) {
-        qpt::remove_file(kReplay + key + ext);
-    }
+StandIn::~StandIn() {
+    for (const char *ext : {".out", ".runs", ".out.1"}) qpt::remove_file(path + ext);
+    rename((path + ".away").c_str(), path.c_str());
 }
 
-int replay_runs(const std::string &key) {
+int StandIn::runs() const {
     int n = 0;
-    for (char c : qpt::read_file(kReplay + key + ".runs")) n += c == '\n';
+    for (char c : qpt::read_file(path + ".runs")) n += c == '\n';
     return n;
 }
 
+void on_alarm(int) {}
+
 Interrupter::Interrupter(int period_ms) {
     struct sigaction sa {};
-    sa.sa_handler = on_alarm;
-    sigemptyset(&sa.sa_mask);
-    sa.sa_flags = 0;  // no SA_RESTART
+    sa.sa_handler = on_alarm;  // no SA_RESTART
     sigaction(SIGALRM, &sa, nullptr);
     const timeval period = {period_ms / 1000, (period_ms % 1000) * 1000};
     const itimerval timer = {period, period};

@@ -1,11 +1,8 @@
 // Readers of the network tools' output fed with recorded output, and the
 // network printer section of printer.conf.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string.h>
-#include <sys/file.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <string>
 
@@ -46,7 +43,6 @@ TEST(SnmpDeviceId, FirstQualifyingLineGivesTheValueIfItFits) {
         {name + "STRING: \"MANUFACTURER:A B;MODEL:C;\"   \n", "MANUFACTURER:A B;MODEL:C;"},
         {name + "STRING: \"MFG:ACME;CMD:PCL;\"\n", "<-1>"},             // no model key
         {name + "STRING: \"mfg:acme;mdl:x1;\"\n", "<-1>"},              // keys are case-sensitive
-        {"MFG:MDL: = STRING: \"hello\"\n", "hello"},                    // keys in the name count
         {name + "INTEGER: 1\n" + name + "STRING: \"MFG:A;MDL:1;\"\n" + name + "STRING: \"MFG:B;MDL:2;\"\n",
          "MFG:A;MDL:1;"},
         {"", "<1>"},
@@ -63,30 +59,23 @@ TEST(SnmpDeviceId, FirstQualifyingLineGivesTheValueIfItFits) {
     }
 }
 
-TEST(OneLineReaders, PingPartialLossIsOnline) {
-    // The recorded outputs elsewhere have only 0% and 100%.
-    EXPECT_TRUE(qp::net::ping_summary_online("2 packets transmitted, 1 received,  50% packet loss"));
-}
-
-TEST(BjnpListing, OnlyTheAskedAddressWithMakerAndModelFillsTheRecord) {
-    const std::string line =
-        "network bjnp://192.168.1.20:8611 \"ACME X1\" \"ACME X1 192.168.1.20\" \"MFG:ACME;CMD:BJL;MDL:X1;CLS:PRINTER;\"\n";
+TEST(PingSummary, OnlineUnlessAllPacketsWereLost) {
     struct Row {
-        std::string output;
-        const char *pattern;
-        int result;
+        const char *output, *status;
+        int size = 16;
     } rows[] = {
-        {"network bjnp://192.168.1.2:8611 \"B\" \"B\" \"MFG:B;MDL:B;\"\n" + line, "/192.168.1.20:8611", 0},
-        {line, "/192.168.1.2:8611", 1},
-        {"network bjnp://192.168.1.2:8611 \"a\" \"b\" \"MFG:a;CMD:b;\"\n", "/192.168.1.2:8611", -1},  // no model
+        {"ping: connect: Network is unreachable\n", "Offline"},
+        {"1 packets transmitted, 1 received, 0% packet loss, time 0ms\n", "Online"},
+        {"2 packets transmitted, 1 received,  50% packet loss\n", "Online"},
+        {"1 packets transmitted, 1 received, 0% packet loss\n", "Onl", 4},  // cut to the buffer
+        {"2 packets transmitted, 0 received, +2 errors, 100% packet loss, time 1001ms\n", "Offline"},
+        {"weird packet loss\n1 packets transmitted, 1 received, 0% packet loss\n", "Offline"},  // first one decides
     };
     for (const Row &row : rows) {
-        PrinterNetInfo info = {};
         Output out(row.output);
-        EXPECT_EQ(qp::net::bjnp_read(out.f, row.pattern, &info), row.result) << row.output;
-        if (row.result == 0) {
-            EXPECT_STREQ(info.szStringId, "MFG:ACME;CMD:BJL;MDL:X1;CLS:PRINTER");
-        }
+        char status[16] = "untouched";
+        EXPECT_EQ(qp::net::ping_read(out.f, status, row.size), 0) << row.output;
+        EXPECT_STREQ(status, row.status) << row.output;
     }
 }
 
@@ -119,25 +108,11 @@ TEST(AvahiBrowse, PortPriorityLastRecordPerPortAndTxtData) {
     EXPECT_EQ(std::string(info.szStringId, 9), "MFG:mmmmm");
 }
 
-// ---- the network printer section of printer.conf -----------------------------
-
-constexpr const char *kConf = "/usr/qora/etc/printer.conf";
-
-PrinterNetConf net_conf(const char *ip, const char *queue, const char *backend = "", const char *qname = "") {
-    PrinterNetConf c = {};
-    strcpy(c.szIP, ip);
-    strcpy(c.szCupsPrinterName, queue);
-    strcpy(c.szBackend, backend);
-    strcpy(c.szQName, qname);
-    snprintf(c.szPrinterId, sizeof c.szPrinterId, "%s-%s", ip, queue);
-    return c;
-}
-
 // The section's entries as "key=value;" in the file's order, "" if none.
 std::string section(const char *name) {
     PQLIBSZHASH hash = QLIBCSzHashAlloc(64);
     PQLIBSZLIST keys = QLIBCSzListAlloc(64);
-    QLIBCFileGetSection(kConf, name, &hash);
+    QLIBCFileGetSection("/usr/qora/etc/printer.conf", name, &hash);
     QLIBCSzHashEnumKey(hash, &keys);
     std::string out;
     for (int i = 0; i < keys->nItem; ++i)
@@ -147,58 +122,43 @@ std::string section(const char *name) {
     return out;
 }
 
-class NetConfSetup : public ::testing::Test {
-protected:
-    void SetUp() override { qpt::write_file(kConf, "[other]\n\tIP = 1.2.3.4\n"); }
-};
-
-TEST_F(NetConfSetup, MergesIntoTheSectionByTheBackendRules) {
-    PrinterNetConf c = net_conf("10.0.0.2", "Office", "socket", "raw");
-    strcpy(c.szBrand, "ACME");
-    strcpy(c.szDriver, "drv");
-    ASSERT_EQ(QORAPrinterNetConfSetup(&c, 0), 0);
-    EXPECT_EQ(section("10.0.0.2-Office"),
-              "IP=10.0.0.2;cups printer name=Office;Backend=socket;QName=raw;Brand=ACME;driver=drv;");
-    ASSERT_GE(QLIBCFileSetSectionValue(kConf, "10.0.0.2-Office", "foreign", "kept"), 0);
-
-    // Empty Brand keeps the stored one; socket with an empty QName clears it;
-    // the driver stays unless forced; keys of others survive.
-    c.szBrand[0] = c.szQName[0] = c.szDriver[0] = '\0';
-    ASSERT_EQ(QORAPrinterNetConfSetup(&c, 0), 0);
-    EXPECT_EQ(section("10.0.0.2-Office"),
-              "IP=10.0.0.2;cups printer name=Office;Backend=socket;QName=;Brand=ACME;driver=drv;foreign=kept;");
-    ASSERT_EQ(QORAPrinterNetConfSetup(&c, 1), 0);
-    EXPECT_EQ(section("10.0.0.2-Office"), "IP=10.0.0.2;cups printer name=Office;Backend=socket;QName=;Brand=ACME;"
-                                          "driver=;foreign=kept;driver brand=;");
-    EXPECT_EQ(section("other"), "IP=1.2.3.4;");
-
+// Each row writes the record with these fields over what the rows before
+// left, and the section then reads as given.
+TEST(NetConfSetup, MergesIntoTheSectionByTheBackendRules) {
+    // Keys of others survive, in their section and in the record's.
+    qpt::write_file("/usr/qora/etc/printer.conf", "[other]\n\tIP = 1.2.3.4\n[10.0.0.2-Q]\n\tforeign = kept\n");
     struct Row {
-        const char *backend, *qname, *stored;
+        const char *ip, *backend, *qname, *brand, *driver;
+        int force;
+        const char *section;
     } rows[] = {
-        {"lpd", "", "QName=q0;"},      // lpd and ipp write only a given name
-        {"ipp", "q1", "QName=q1;"},
-        {"LPD", "q2", "QName=q0;"},    // exact comparison: not written
+        {"10.0.0.2", "socket", "raw", "ACME", "drv", 0,
+         "foreign=kept;IP=10.0.0.2;cups printer name=Q;Backend=socket;QName=raw;Brand=ACME;driver=drv;"},
+        // Empty Brand keeps the stored one; socket with an empty QName
+        // clears it; the driver stays unless forced.
+        {"10.0.0.2", "socket", "", "", "", 0,
+         "foreign=kept;IP=10.0.0.2;cups printer name=Q;Backend=socket;QName=;Brand=ACME;driver=drv;"},
+        {"10.0.0.2", "socket", "", "", "", 1,
+         "foreign=kept;IP=10.0.0.2;cups printer name=Q;Backend=socket;QName=;Brand=ACME;driver=;driver brand=;"},
+        // lpd and ipp write only a given name; the backend compares exactly.
+        {"10.0.0.3", "lpd", "q0", "", "", 0, "IP=10.0.0.3;cups printer name=Q;Backend=lpd;QName=q0;"},
+        {"10.0.0.3", "lpd", "", "", "", 0, "IP=10.0.0.3;cups printer name=Q;Backend=lpd;QName=q0;"},
+        {"10.0.0.3", "ipp", "q1", "", "", 0, "IP=10.0.0.3;cups printer name=Q;Backend=ipp;QName=q1;"},
+        {"10.0.0.3", "LPD", "q2", "", "", 0, "IP=10.0.0.3;cups printer name=Q;Backend=LPD;QName=q1;"},
     };
     for (const Row &row : rows) {
-        PrinterNetConf q = net_conf("10.0.0.3", "Q", "lpd", "q0");
-        ASSERT_EQ(QORAPrinterNetConfSetup(&q, 0), 0);
-        q = net_conf("10.0.0.3", "Q", row.backend, row.qname);
-        ASSERT_EQ(QORAPrinterNetConfSetup(&q, 0), 0);
-        EXPECT_NE(section("10.0.0.3-Q").find(row.stored), std::string::npos) << row.backend;
+        PrinterNetConf c = {};
+        strcpy(c.szIP, row.ip);
+        strcpy(c.szCupsPrinterName, "Q");
+        strcpy(c.szBackend, row.backend);
+        strcpy(c.szQName, row.qname);
+        strcpy(c.szBrand, row.brand);
+        strcpy(c.szDriver, row.driver);
+        snprintf(c.szPrinterId, sizeof c.szPrinterId, "%s-Q", row.ip);
+        ASSERT_EQ(QORAPrinterNetConfSetup(&c, row.force), 0);
+        EXPECT_EQ(section(c.szPrinterId), row.section) << row.backend << " " << row.qname;
     }
-}
-
-TEST_F(NetConfSetup, LockHeldElsewhereWritesNothing) {
-    const std::string before = qpt::read_file(kConf);
-    qpt::mkdirs("/run/qorasdk/lock");
-    const int fd = open("/run/qorasdk/lock/lock_printer", O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(flock(fd, LOCK_EX), 0);  // another open file: the library's try fails
-    PrinterNetConf c = net_conf("10.0.0.2", "Office");
-    EXPECT_EQ(QORAPrinterNetConfSetup(&c, 0), -1);
-    EXPECT_EQ(QLIBCErrGet(), ERR_LOCK_FAILED);
-    close(fd);
-    EXPECT_EQ(qpt::read_file(kConf), before);
+    EXPECT_EQ(section("other"), "IP=1.2.3.4;");
 }
 
 // Arguments are checked first, with one message naming the source file and the failed check.
@@ -210,6 +170,7 @@ TEST(NetArguments, BadArgumentsAreRefusedWithOneMessage) {
         const char *file, *check;
     } rows[] = {
         {QORAPrinterNetGetStringId(nullptr, buf, 16), "printer_net_get_string_id.cpp", "((void *)0) != szIP"},
+        {QORAPrinterNetPingStatus(nullptr, buf, 16), "printer_net_ping_status.cpp", "((void *)0) != szIP"},
         {QORAPrinterNetAvahiInfoGet("x", nullptr), "printer_net_avahi_info_get.cpp", "NULL != pNPInfo"},
     };
     const std::vector<qpt::LogLine> lines = log.lines();

@@ -1,13 +1,12 @@
 #!/bin/bash
 # A small network of simulated printers for the tests, benchmarks and demo.
 # Run it ONLY inside the sandbox (qp-sandbox): it creates network namespaces,
-# writes /etc/snmp, /etc/avahi and moves tools aside, all of which vanish
+# writes /etc/snmp, /etc/avahi and /etc/hosts, all of which vanish
 # with the sandbox.
 #
-#   netlab.sh up [snmp] [bjnp] [avahi] [replay] [ipp]   (no component: all but ipp)
-#   netlab.sh ipp [OPTION...]   (re)start the IPP printers; OPTIONs go to the
-#                               one at 10.123.0.8 (e.g. -a ATTRIBUTES-FILE)
-#   netlab.sh down
+#   netlab.sh up [snmp] [bjnp] [avahi] [ipp]   (no component: the network only)
+#   netlab.sh ipp OPTION...   restart the IPP printer at 10.123.0.8 with these
+#                             options (e.g. -a lab/eve.attrs -c lab/eve-print.sh)
 #
 # Layout: this namespace is the client (veth-c, 10.123.0.1/24); the
 # namespace qp-prn holds the printers (veth-p):
@@ -15,8 +14,7 @@
 #               BJNP responder, mDNS host qp-office (ipp 631, socket 9100)
 #   10.123.0.3  SNMP agent: device ID, no device URI; mDNS qp-basement (lpd 515)
 #   10.123.0.4  SNMP agent: device URI, no device ID; mDNS qp-web (http 80 only)
-#   10.123.0.5  SNMP agent: odd values (hex, quotes, newlines, empty);
-#               mDNS qp-odd (ipp 631 with a ';' inside a TXT value)
+#   10.123.0.5  SNMP agent: odd values (hex, quotes, newlines, empty)
 #   10.123.0.6  SNMP agent: 10,000 objects, device ID among the first;
 #               mDNS qp-half (ipp 631 without usb_MDL)
 #   10.123.0.7  SNMP agent with another community
@@ -25,9 +23,6 @@
 #               every document it receives in /tmp/qp-net/eve (component ipp)
 #   10.123.0.2  with ipp: also an IPP printer on 631 that takes PostScript only
 #   10.123.0.9  nobody (no host answers)
-# "replay" installs stand-ins over snmpwalk, ping, the BJNP backend and
-# avahi-browse that print a recorded output when a test left one in
-# /tmp/qp-net/replay, and run the real tool otherwise.
 set -eu
 
 HERE=$(cd "$(dirname "$0")" && pwd)
@@ -35,10 +30,7 @@ LAB=/tmp/qp-net
 NS=qp-prn
 export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket
 
-if [ "${QP_SANDBOX:-}" != 1 ]; then
-    echo "netlab.sh: run me inside qp-sandbox" >&2
-    exit 2
-fi
+[ "${QP_SANDBOX:-}" = 1 ] || { echo "netlab.sh: run me inside qp-sandbox" >&2; exit 2; }
 
 log() { echo "netlab: $*" >&2; }
 
@@ -66,29 +58,18 @@ net_up() {
     wait_for 5 ping -c 1 -W 1 10.123.0.2
 }
 
-# snmpd agent: address, then its configuration file (lab/snmpd-ADDRESS.conf by default).
-agent() {
-    ip netns exec $NS /usr/sbin/snmpd -f -C -I -smux -Lf /dev/null -p $LAB/snmpd-$1.pid \
-        -c "$HERE/lab/snmpd-common.conf,${2:-$HERE/lab/snmpd-$1.conf}" "udp:$1:161" </dev/null >/dev/null 2>&1 &
-}
-
 snmp_up() {
     mkdir -p /etc/snmp
     # snmpwalk finds "enterprises" only through a MIB; Debian ships none.
     printf 'mibdirs %s\nmibs SNMPv2-SMI\n' "$HERE/mibs" > /etc/snmp/snmp.conf
+    seq 9997 | sed 's/.*/override .1.3.6.1.4.1.2699.1.2.1.9.1.& octet_str "object number & of the big agent"/' \
+        > $LAB/snmpd-big.conf
     local a
-    for a in 2 3 4 5 7; do agent 10.123.0.$a; done
-    # 10,000 objects; the device ID is the third.
-    {
-        echo "rocommunity tarvel default -V printer"
-        echo "override .1.3.6.1.4.1.11.2.3.9.1.1.1.0 octet_str \"card\""
-        echo "override .1.3.6.1.4.1.11.2.3.9.1.1.2.0 integer 1"
-        echo "override .1.3.6.1.4.1.11.2.3.9.1.1.3.0 octet_str \"MFG:ACME;CMD:PCL;MDL:Big;CLS:PRINTER;\""
-        for ((a = 1; a <= 9997; a++)); do
-            echo "override .1.3.6.1.4.1.2699.1.2.1.9.1.$a octet_str \"object number $a of the big agent\""
-        done
-    } > $LAB/snmpd-big.conf
-    agent 10.123.0.6 $LAB/snmpd-big.conf
+    for a in 2 3 4 5 6 7; do
+        ip netns exec $NS /usr/sbin/snmpd -f -C -I -smux -Lf /dev/null -p $LAB/snmpd-$a.pid \
+            -c "$HERE/lab/snmpd-common.conf,$HERE/lab/snmpd-10.123.0.$a.conf" "udp:10.123.0.$a:161" \
+            </dev/null >/dev/null 2>&1 &
+    done
     for a in 2 3 4 5 6 7; do
         wait_for 10 sh -c "ip netns exec $NS ss -Hlun 'src 10.123.0.$a:161' | grep -q ." \
             || { log "snmpd on 10.123.0.$a did not come up"; return 1; }
@@ -103,36 +84,21 @@ bjnp_up() {
 }
 
 # The printers' mDNS side: a D-Bus and an avahi-daemon of their own in a
-# mount namespace with its own /run, and avahi-publish for each service.
-# The daemon runs under another name so that the client's check for a
-# running "avahi-daemon" does not see it.
+# mount namespace with its own /run and lab/avahi as /etc/avahi (the host
+# names in hosts, the printers' services in services/).  The daemon runs
+# under another name so that the client's check for a running
+# "avahi-daemon" does not see it.
 avahi_up() {
     ln -sf /usr/sbin/avahi-daemon $LAB/qp-prn-avahid
-    cat > $LAB/avahi-prn.sh <<EOF
-set -e
-mount -t tmpfs tmpfs /run
-mkdir -p /run/dbus /run/avahi-daemon $LAB
-dbus-daemon --system --fork
-for i in \$(seq 100); do [ -S /run/dbus/system_bus_socket ] && break; sleep 0.05; done
-$LAB/qp-prn-avahid -f $HERE/lab/avahi-printers.conf --no-drop-root --no-chroot --no-rlimits -D
-for i in \$(seq 100); do [ -S /run/avahi-daemon/socket ] && break; sleep 0.05; done
-cat /run/avahi-daemon/pid > $LAB/avahi-prn.pid || true
-pub() { setsid avahi-publish "\$@" </dev/null >/dev/null 2>&1 & }
-pub -a -R qp-office.local 10.123.0.2
-pub -a -R qp-basement.local 10.123.0.3
-pub -a -R qp-web.local 10.123.0.4
-pub -a -R qp-odd.local 10.123.0.5
-pub -a -R qp-half.local 10.123.0.6
-pub -a -R qp-eve.local 10.123.0.8
-pub -s -H qp-office.local Office _ipp._tcp 631 usb_MFG=ACME usb_MDL=X1 usb_CMD=PCL
-pub -s -H qp-office.local "Office raw" _pdl-datastream._tcp 9100 usb_MFG=ACME usb_MDL=X1 usb_CMD=PCL,PJL
-pub -s -H qp-basement.local Basement _printer._tcp 515 usb_MFG=Bolt usb_MDL=B-200 usb_CMD=PS
-pub -s -H qp-web.local Webpage _http._tcp 80 usb_MFG=Web usb_MDL=W1
-pub -s -H qp-odd.local Odd _ipp._tcp 631 usb_MFG=Odd "usb_MDL=Q;9" usb_CMD=PCL
-pub -s -H qp-half.local Half _ipp._tcp 631 usb_MFG=Half usb_CMD=PCL
-sleep 0.5
-EOF
-    ip netns exec $NS /bin/bash $LAB/avahi-prn.sh
+    ip netns exec $NS /bin/bash -ec "
+        mount -t tmpfs tmpfs /run
+        mount --bind $HERE/lab/avahi /etc/avahi
+        mkdir -p /run/dbus /run/avahi-daemon
+        dbus-daemon --system --fork
+        for i in \$(seq 100); do [ -S /run/dbus/system_bus_socket ] && break; sleep 0.05; done
+        $LAB/qp-prn-avahid --no-drop-root --no-chroot --no-rlimits -D
+        for i in \$(seq 100); do [ -S /run/avahi-daemon/socket ] && break; sleep 0.05; done
+        cat /run/avahi-daemon/pid > $LAB/avahi-prn.pid"
 }
 
 # IPP printers (ippeveprinter) in the printers' mount namespace, where the
@@ -140,41 +106,34 @@ EOF
 # addresses its host name has in /etc/hosts (an IPv6 one too: it refuses to
 # start without an IPv6 listener).  Its own DNS-SD registration would name
 # the daemon's host, whose address is any of the namespace's: the IPP
-# Everywhere printer is announced by avahi-publish instead, with the TXT
-# keys such a printer has.
+# Everywhere printer is announced by lab/avahi/services/eve.service instead,
+# with the TXT keys such a printer has.
 ipp_start() {  # tag host v4 v6 options...
-    local tag=$1 host=$2 v4=$3 v6=$4 pid
+    local tag=$1 host=$2 v4=$3 v6=$4
     shift 4
-    if [ -s $LAB/ipp-$tag.pid ]; then
-        kill "$(cat $LAB/ipp-$tag.pid)" 2>/dev/null || true
+    if [ -s $LAB/ipp-$tag.pid ]; then  # a restart
+        kill "$(cat $LAB/ipp-$tag.pid)"
         wait_for 5 sh -c "! ip netns exec $NS ss -Hltn 'src $v4:631' | grep -q ."
+    else
+        ip -n $NS addr add $v6/64 dev veth-p nodad
+        printf '%s %s\n%s %s\n' $v4 $host $v6 $host >> /etc/hosts
     fi
-    ip -n $NS addr show dev veth-p | grep -q " $v6/" || ip -n $NS addr add $v6/64 dev veth-p nodad
-    grep -q " $host\$" /etc/hosts || printf '%s %s\n%s %s\n' $v4 $host $v6 $host >> /etc/hosts
     mkdir -p $LAB/$tag
-    pid=$(cat $LAB/avahi-prn.pid)
     DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket \
-        nsenter -t "$pid" -m -n -r -w /usr/sbin/ippeveprinter -p 631 -n $host -r off -d $LAB/$tag -k "$@" \
-        </dev/null >$LAB/ipp-$tag.log 2>&1 &
+        nsenter -t "$(cat $LAB/avahi-prn.pid)" -m -n -r -w /usr/sbin/ippeveprinter -p 631 -n $host -r off \
+        -d $LAB/$tag -k "$@" </dev/null >$LAB/ipp-$tag.log 2>&1 &
     echo $! > $LAB/ipp-$tag.pid
     wait_for 5 sh -c "ip netns exec $NS ss -Hltn 'src $v4:631' | grep -q ." \
         || { log "ippeveprinter $tag did not come up: $(cat $LAB/ipp-$tag.log)"; return 1; }
 }
 
-ipp_up() {  # options for the IPP Everywhere printer
+ipp_up() {
+    [ -s $LAB/ipp-eve.pid ] && return 0
     [ -s $LAB/avahi-prn.pid ] || { avahi_client_up; avahi_up; }
-    ip -n $NS addr show dev veth-p | grep -q ' 10.123.0.8/' || ip -n $NS addr add 10.123.0.8/24 dev veth-p
+    ip -n $NS addr add 10.123.0.8/24 dev veth-p
     # Each document is taken at once (/bin/true), not after the simulated
     # 5-15 s of printing ippeveprinter spends without a command.
-    [ $# -gt 0 ] || set -- -M ACME -m "Eve 1" -c /bin/true
-    if [ ! -s $LAB/ipp-mdns.pid ]; then
-        DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket \
-            nsenter -t "$(cat $LAB/avahi-prn.pid)" -m -n -r -w setsid avahi-publish -s -H qp-eve.local "ACME Eve" \
-            _ipp._tcp 631 txtvers=1 rp=ipp/print "ty=ACME Eve 1" pdl=image/pwg-raster,image/urf \
-            usb_MFG=ACME "usb_MDL=Eve 1" usb_CMD=PWG,URF </dev/null >/dev/null 2>&1 &
-        echo $! > $LAB/ipp-mdns.pid
-    fi
-    ipp_start eve qp-eve.local 10.123.0.8 fd00:123::8 "$@" "ACME Eve" &&
+    ipp_start eve qp-eve.local 10.123.0.8 fd00:123::8 -M ACME -m "Eve 1" -c /bin/true "ACME Eve" &&
         ipp_start old qp-office.local 10.123.0.2 fd00:123::2 -M ACME -m X1 -f application/postscript -c /bin/true "ACME X1"
 }
 
@@ -190,34 +149,15 @@ avahi_client_up() {
     [ -e /usr/qora/sbin/avahi-browse ] || ln -s /usr/bin/avahi-browse /usr/qora/sbin/avahi-browse
 }
 
-replay_up() {
-    local real=/usr/lib/qp-net-real
-    mkdir -p $real $LAB/replay /usr/qora/sbin
-    local tool path
-    for path in /usr/bin/snmpwalk /usr/bin/ping /usr/lib/cups/backend/bjnp /usr/qora/sbin/avahi-browse; do
-        tool=$(basename $path)
-        [ -e $real/$tool ] && continue
-        if [ $tool = avahi-browse ]; then
-            ln -sf /usr/bin/avahi-browse $real/$tool
-            rm -f $path
-        else
-            mv $path $real/$tool
-        fi
-        install -m 0755 "$HERE/replay.sh" $path
-    done
-}
-
 case "${1:-}" in
 up)
     shift
-    [ $# -gt 0 ] || set -- snmp bjnp avahi replay
     net_up
     for c in "$@"; do
         case $c in
         snmp) snmp_up ;;
         bjnp) bjnp_up ;;
         avahi) avahi_client_up; avahi_up ;;
-        replay) replay_up ;;
         ipp) ipp_up ;;
         *) log "unknown component $c"; exit 2 ;;
         esac
@@ -225,16 +165,10 @@ up)
     ;;
 ipp)
     shift
-    ipp_up "$@"
-    ;;
-down)
-    for f in $LAB/*.pid; do [ -f "$f" ] && kill "$(cat "$f")" 2>/dev/null || true; done
-    ip netns pids $NS 2>/dev/null | xargs -r kill 2>/dev/null || true
-    ip link del veth-c 2>/dev/null || true
-    ip netns del $NS 2>/dev/null || true
+    ipp_start eve qp-eve.local 10.123.0.8 fd00:123::8 "$@" "ACME Eve"
     ;;
 *)
-    echo "usage: netlab.sh up [snmp] [bjnp] [avahi] [replay] [ipp] | ipp [OPTION...] | down" >&2
+    echo "usage: netlab.sh up [snmp] [bjnp] [avahi] [ipp] | ipp OPTION..." >&2
     exit 2
     ;;
 esac
