@@ -62,9 +62,7 @@ bool look_alike(const char *name) {
 }
 
 // As 65534: plant in a child that ends with it.
-Step as_nobody(const Step &f) {
-    return [=] { return in_child(f, true) == 0; };
-}
+Step as_nobody(const Step &f) { return [=] { return in_child(f, true) == 0; }; }
 
 int usb_count() {
     int need = 0;
