@@ -2,7 +2,6 @@
 // count log lines show the syslog catcher at work), and nested runs of it:
 // what survives a run (nothing), what comes back out (the exit status), and
 // a set-up failure's reason.
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <string>
@@ -20,16 +19,11 @@ qpt::RunResult sandboxed(std::vector<std::string> args) {
 
 TEST(Sandbox, IsPrivateNamespacesWithFreshSystemDirectories) {
     ASSERT_TRUE(qpt::in_sandbox());
-    EXPECT_STREQ(getenv("DBUS_SYSTEM_BUS_ADDRESS"), "unix:path=/nonexistent");
     // The sandbox's init is PID 1 and this program its child.
     EXPECT_EQ(getppid(), 1);
-    EXPECT_EQ(qpt::read_file("/proc/1/comm"), "qp-sandbox\n");
-    EXPECT_EQ(qpt::run({"/usr/bin/stat", "-c", "%n %F", "/usr/qora/etc", "/run/qorasdk/lock", "/var/services/printer",
-                        "/dev/null", "/dev/fuse", "/dev/log"})
-                  .out,
-              "/usr/qora/etc directory\n/run/qorasdk/lock directory\n/var/services/printer directory\n"
-              "/dev/null character special file\n/dev/fuse character special file\n/dev/log socket\n");
-    EXPECT_EQ(qpt::run({"/usr/bin/stat", "-c", "%a", "/tmp"}).out, "1777\n");
+    // A fresh /tmp and /dev of its own, the syslog catcher's socket in it.
+    EXPECT_EQ(qpt::run({"/usr/bin/stat", "-c", "%n %a %F", "/tmp", "/dev/log"}).out,
+              "/tmp 1777 directory\n/dev/log 666 socket\n");
     // Only a loopback, as this namespace's own sysfs shows.
     EXPECT_EQ(qpt::run({"/bin/ls", "/sys/class/net"}).out, "lo\n");
 }
@@ -47,25 +41,12 @@ TEST(SandboxNested, WritesAndProcessesVanishAndStatusComesBack) {
     EXPECT_EQ(qpt::read_file("/usr/qora/etc/outer"), "outer");
     EXPECT_FALSE(qpt::exists("/etc/inner"));
     EXPECT_NE(qpt::run({"/usr/bin/pgrep", "-xf", "/bin/sleep 987"}).status, 0);
-    const struct {
-        std::vector<std::string> args;
-        int status;
-        std::string err;
-    } failures[] = {
-        {{"--", "/nonexistent/program"}, 127, "/nonexistent/program"},
-        {{"--bind", "/nonexistent/dir", "--", "/bin/true"}, 125, "qp-sandbox: --bind /nonexistent/dir: no such path"},
-    };
-    for (const auto &f : failures) {
-        const qpt::RunResult failed = sandboxed(f.args);
-        EXPECT_EQ(failed.status, f.status);
-        EXPECT_NE(failed.err.find(f.err), std::string::npos) << failed.err;
-    }
-    // Scripts run as the demo runs them, in the caller's directory, with stdin passed through.
-    qpt::write_file("/usr/qora/etc/script.sh", "read line; echo \"$QP_SANDBOX $1 $line $(pwd)\"\n");
-    const std::string in_etc = "cd /usr/qora/etc && exec " + qpt::bin_path("qp-sandbox") + " -- /bin/bash script.sh arg";
-    qpt::RunResult script = qpt::run({"/bin/sh", "-c", in_etc}, "typed\n");
-    EXPECT_EQ(script.status, 0) << script.err;
-    EXPECT_EQ(script.out, "1 arg typed /usr/qora/etc\n");
+    const qpt::RunResult missing = sandboxed({"--", "/nonexistent/program"});
+    EXPECT_EQ(missing.status, 127);
+    EXPECT_NE(missing.err.find("qp-sandbox: cannot run /nonexistent/program"), std::string::npos) << missing.err;
+    const qpt::RunResult unset = sandboxed({"--bind", "/nonexistent/dir", "--", "/bin/true"});
+    EXPECT_EQ(unset.status, 125);
+    EXPECT_NE(unset.err.find("qp-sandbox: --bind /nonexistent/dir: no such path"), std::string::npos) << unset.err;
 }
 
 }  // namespace
