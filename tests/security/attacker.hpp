@@ -50,17 +50,14 @@ inline int in_child(const Step &f, bool nobody) {
 // killed at the bound: it must answer in time, and as expected.
 inline void expect_answer(const Step &call) {
     const int verdict = in_child(call, false);
-    EXPECT_NE(verdict, -1) << "no answer within " << kBoundSeconds << " s";
-    EXPECT_EQ(verdict, 0) << "unexpected answer";
+    EXPECT_EQ(verdict, 0) << (verdict == -1 ? "no answer within the time bound" : "unexpected answer");
 }
 
 // What the user plants (run these as 65534).
 inline Step link_to(const std::string &at, const std::string &target) {
     return [=] { return symlink(target.c_str(), at.c_str()) == 0; };
 }
-inline Step fifo(const std::string &at) {
-    return [=] { return mkfifo(at.c_str(), 0666) == 0; };
-}
+inline Step fifo(const std::string &at) { return [=] { return mkfifo(at.c_str(), 0666) == 0; }; }
 inline Step own_file(const std::string &at, const std::string &content) {
     return [=] {
         qpt::write_file(at, content, 0666);

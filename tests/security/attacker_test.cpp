@@ -6,18 +6,12 @@
 // library's own files must be exactly as before.
 #include <stdio.h>
 #include <string.h>
-#include <unistd.h>
 
-#include <functional>
-#include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "attacker.hpp"
 #include "cupsd_fixture.hpp"
 #include "qoraprinter.h"
-#include "qp_test.hpp"
 #include "usb_rig.hpp"
 
 namespace {
@@ -29,8 +23,6 @@ const std::string kSecret = "/etc/qp-secret";  // a root-only file
 const std::string kQueue127(127, 'q');
 const char *kConf = "/usr/qora/etc/printer.conf";
 const char *kSnmpLog = "/etc/qp-snmplog";  // where an address taken for an option would log
-
-qpcups::Cupsd *g_cupsd = nullptr;
 
 // A path as it stands: type, mode, owner, size, time and link target (of
 // each entry, for a directory), and what a file holds.
@@ -87,17 +79,14 @@ struct Row {
     Step after = [] { return true; };  // as root, after the call
 };
 
-class Env : public ::testing::Environment {
-public:
+// A scheduler (stopped with the environment) and an attachable device.
+struct Env : ::testing::Environment {
+    qpcups::Cupsd cupsd;
     void SetUp() override {
-        ASSERT_TRUE(qpt::in_sandbox()) << "run inside qp-sandbox";
-        g_cupsd = new qpcups::Cupsd;
-        ASSERT_TRUE(g_cupsd->start());
+        ASSERT_TRUE(cupsd.start());
         usbrig::setup();
         usbrig::add_device({.busid = "1-1"});
-        usbrig::install_bind_driver();
     }
-    void TearDown() override { delete g_cupsd; }
 };
 const auto *const kEnv = ::testing::AddGlobalTestEnvironment(new Env);
 
@@ -172,10 +161,7 @@ TEST(Attacker, MachineUnchangedAndEveryCallReturnsInTime) {
 // Where the name policy draws its lines: plain names of up to 127 bytes pass
 // whole, dots and blanks inside included; nothing is cut to fit.
 TEST(Attacker, NamesPassWholeOrAreRefused) {
-    const struct {
-        std::string name;
-        bool passes;
-    } rows[] = {
+    const struct { std::string name; bool passes; } rows[] = {
         {"04a9:1827:A B", true}, {"a..b", true}, {".", true}, {std::string(127, 'i'), true},
         {std::string(128, 'i'), false}, {"..", false}, {"x/y", false}, {"-x", false}, {"a\tb", false},
         {"a\x7f", false}, {"", false},

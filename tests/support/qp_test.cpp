@@ -12,6 +12,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <sstream>
@@ -24,24 +25,14 @@ extern char **environ;
 
 namespace qpt {
 
-bool in_sandbox() {
-    const char *v = getenv("QP_SANDBOX");
-    return v && strcmp(v, "1") == 0;
-}
-
-namespace {
+bool in_sandbox() { return getenv("QP_SANDBOX") && strcmp(getenv("QP_SANDBOX"), "1") == 0; }
 
 // Test programs write the appliance's fixed paths, start daemons and mount
 // file systems: outside the sandbox they would do so on this machine.
-struct RefuseToRunOutsideTheSandbox {
-    RefuseToRunOutsideTheSandbox() {
-        if (in_sandbox()) return;
-        fprintf(stderr, "this program changes the appliance's files: run it as qp-sandbox -- PROGRAM\n");
-        _exit(2);
-    }
-} refuse_outside;
-
-}  // namespace
+[[maybe_unused]] static const bool refuse_outside = in_sandbox() || []() -> bool {
+    fputs("this program changes the appliance's files: run it as qp-sandbox -- PROGRAM\n", stderr);
+    _exit(2);
+}();
 
 // ---- files ------------------------------------------------------------------
 
@@ -124,12 +115,9 @@ int memfile(std::string_view text) {
     return fd;
 }
 
-// Closes fd after reading it whole from its start.
+// Closes fd after reading it whole from its start (a new opening of it).
 std::string contents(int fd) {
-    std::string out;
-    char buf[65536];
-    for (ssize_t n; (n = pread(fd, buf, sizeof buf, static_cast<off_t>(out.size()))) > 0;)
-        out.append(buf, static_cast<size_t>(n));
+    const std::string out = read_file("/proc/self/fd/" + std::to_string(fd));
     close(fd);
     return out;
 }
@@ -181,25 +169,12 @@ void stop(pid_t pid, int sig) {
 
 std::string bin_path(std::string_view name) { return std::string(QP_BIN_DIR) + "/" + std::string(name); }
 
-std::string source_path(std::string_view relative) {
-    return std::string(QP_SOURCE_DIR) + "/" + std::string(relative);
-}
+std::string source_path(std::string_view relative) { return std::string(QP_SOURCE_DIR) + "/" + std::string(relative); }
 
 // ---- syslog ------------------------------------------------------------------
 namespace {
 
 constexpr std::string_view kMarker = "qpt-log-flush ";
-
-off_t log_size() {
-    struct stat st;
-    return stat(kSyslogFile, &st) == 0 ? st.st_size : 0;
-}
-
-// The catcher file from byte `start` on.
-std::string log_from(off_t start) {
-    const std::string all = read_file(kSyslogFile);
-    return static_cast<size_t>(start) < all.size() ? all.substr(static_cast<size_t>(start)) : "";
-}
 
 // Sends a unique marker through syslog(3) and waits until the catcher has
 // written it: every message sent before it is then in the file too.
@@ -209,10 +184,9 @@ void flush() {
     // The marker goes out at LOG_DEBUG even when a test narrowed the mask.
     const int mask = setlogmask(0);
     setlogmask(mask | LOG_MASK(LOG_DEBUG));
-    const off_t before = log_size();
     syslog(LOG_DEBUG, "%s", marker.c_str());
     setlogmask(mask);
-    if (!wait_until([&] { return log_from(before).find(marker) != std::string::npos; }))
+    if (!wait_until([&] { return read_file(kSyslogFile).find(marker) != std::string::npos; }))
         ADD_FAILURE() << "syslog catcher did not deliver " << marker << " (not in the sandbox?)";
 }
 
@@ -220,14 +194,15 @@ void flush() {
 
 void LogCapture::reset() {
     flush();
-    start_ = log_size();
+    start_ = static_cast<off_t>(read_file(kSyslogFile).size());
 }
 
 // Each line is "<severity> text"; the markers are left out.
 std::vector<LogLine> LogCapture::lines() {
     flush();
     std::vector<LogLine> result;
-    std::istringstream in(log_from(start_));
+    const std::string all = read_file(kSyslogFile);
+    std::istringstream in(all.substr(std::min(all.size(), static_cast<size_t>(start_))));
     for (std::string raw; std::getline(in, raw);) {
         const size_t sp = raw.find(' ');
         if (sp != std::string::npos && sp > 0 && raw.compare(sp + 1, kMarker.size(), kMarker) != 0)

@@ -59,8 +59,7 @@ int open_fd_count();
 // ---- programs --------------------------------------------------------------------
 struct RunResult {
     int status = -1;  // exit status, or 128+signal, or -1 when it could not run
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 // Runs argv[0] (absolute path) with posix_spawn, stdin from the given text.
 RunResult run(const std::vector<std::string> &argv, std::string_view input = {});
