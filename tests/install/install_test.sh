@@ -40,13 +40,16 @@ CM
     -DCMAKE_C_FLAGS="${5:-}" -DCMAKE_EXE_LINKER_FLAGS="${5:-}" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 "$cmake" --build "$work/app/build" >/dev/null
 check "$work/app/build/caller"
-# Hot-plug: the rule wants the unit by its installed name, and the unit's
-# command is installed where it says (a DESTDIR install keeps the configured
-# paths, so below the stage).
+# Hot-plug: the rule wants the unit by its installed name, and the unit
+# passes systemd-analyze verify with its command installed where it says (a
+# DESTDIR install keeps the configured paths, so below the stage).
 rules=$(find "$prefix" -name 99-qoraprinter.rules)
 unit=$(find "$prefix" -name 'qoraprinter-usb@.service')
 grep -q 'TAG+="systemd", ENV{SYSTEMD_WANTS}+="qoraprinter-usb@%k.service"' "$rules"
 DESTDIR=$work/root "$cmake" --install "$build" >/dev/null
 bin=$(sed -n 's/^ExecStart=\([^ ]*\).*/\1/p' "$unit")
 [ -x "$work/root$bin" ] || { echo "ExecStart names $bin, not installed there"; exit 1; }
+mkdir -p "$work/units"
+sed "s#=$bin #=$work/root$bin #" "$unit" >"$work/units/qoraprinter-usb@lp0.service"
+/usr/bin/systemd-analyze verify --man=no "$work/units/qoraprinter-usb@lp0.service"
 echo "install, pkg-config and CMake consumers, units: ok"
