@@ -166,7 +166,6 @@ int fs_ioctl(const char *path, unsigned int cmd, void *, struct fuse_file_info *
         log_line(name + (cmd == 0x40005008u ? " ENABLE" : " DISABLE"));
         return 0;
     default:
-        log_line(name + " ioctl " + std::to_string(cmd) + " ENOTTY");
         return -ENOTTY;
     }
 }
@@ -178,14 +177,9 @@ int main(int argc, char **argv) {
         fprintf(stderr, "usage: qp-usbdev MOUNTPOINT LOGFILE (a file it can append to)\n");
         return 2;
     }
-    struct fuse_operations ops = {};
-    ops.getattr = fs_getattr;
-    ops.truncate = fs_truncate;
-    ops.open = fs_open;
-    ops.write = fs_write;
-    ops.flush = fs_flush;
-    ops.readdir = fs_readdir;
-    ops.ioctl = fs_ioctl;
+    const struct fuse_operations ops = {.getattr = fs_getattr, .truncate = fs_truncate, .open = fs_open,
+                                        .write = fs_write, .flush = fs_flush, .readdir = fs_readdir,
+                                        .ioctl = fs_ioctl};
     // Foreground, one thread, and nothing cached: a control write takes effect at once.
     char arg0[] = "qp-usbdev", fg[] = "-f", single[] = "-s", opt[] = "-o",
          opts[] = "fsname=qp-usbdev,subtype=qp-usbdev,entry_timeout=0,attr_timeout=0,negative_timeout=0";
