@@ -108,13 +108,10 @@ int fs_open(const char *path, struct fuse_file_info *fi) {
     fi->direct_io = 1;
     fi->nonseekable = 1;
     Node *n = node(path);
-    if (n && n->busy > 0) {
-        --n->busy;
-        log_line(std::string(path + 1) + " open EBUSY");
-        return -EBUSY;
-    }
-    if (n) log_line(std::string(path + 1) + " open");
-    return 0;
+    if (n == nullptr) return 0;
+    const bool busy = n->busy > 0;
+    log_line(std::string(path + 1) + (busy ? " open EBUSY" : " open"));
+    return busy ? (--n->busy, -EBUSY) : 0;
 }
 
 // close() waits for the flush but not for the release, so the close is
@@ -177,9 +174,14 @@ int main(int argc, char **argv) {
         fprintf(stderr, "usage: qp-usbdev MOUNTPOINT LOGFILE (a file it can append to)\n");
         return 2;
     }
-    const struct fuse_operations ops = {.getattr = fs_getattr, .truncate = fs_truncate, .open = fs_open,
-                                        .write = fs_write, .flush = fs_flush, .readdir = fs_readdir,
-                                        .ioctl = fs_ioctl};
+    struct fuse_operations ops = {};
+    ops.getattr = fs_getattr;
+    ops.truncate = fs_truncate;
+    ops.open = fs_open;
+    ops.write = fs_write;
+    ops.flush = fs_flush;
+    ops.readdir = fs_readdir;
+    ops.ioctl = fs_ioctl;
     // Foreground, one thread, and nothing cached: a control write takes effect at once.
     char arg0[] = "qp-usbdev", fg[] = "-f", single[] = "-s", opt[] = "-o",
          opts[] = "fsname=qp-usbdev,subtype=qp-usbdev,entry_timeout=0,attr_timeout=0,negative_timeout=0";
