@@ -20,15 +20,11 @@ namespace qpcups {
 
 inline constexpr const char *kPrintersConf = "/etc/cups/printers.conf";
 inline constexpr const char *kPpdDir = "/etc/cups/ppd";
-// Real PPD files that ship with the print service's filters.
+// A real PPD file that ships with the print service's filters.
 inline constexpr const char *kPpdGeneric = "/usr/share/ppd/cupsfilters/Generic-PDF_Printer-PDF.ppd";
-inline constexpr const char *kPpdPxlMono = "/usr/share/ppd/cupsfilters/pxlmono.ppd";
 
 class Cupsd {
 public:
-    Cupsd() = default;
-    Cupsd(const Cupsd &) = delete;
-    Cupsd &operator=(const Cupsd &) = delete;
     ~Cupsd() { stop(); }
 
     // Starts /usr/sbin/cupsd unless one runs; true once it answers.

@@ -108,13 +108,10 @@ int fs_open(const char *path, struct fuse_file_info *fi) {
     fi->direct_io = 1;
     fi->nonseekable = 1;
     Node *n = node(path);
-    if (n && n->busy > 0) {
-        --n->busy;
-        log_line(std::string(path + 1) + " open EBUSY");
-        return -EBUSY;
-    }
-    if (n) log_line(std::string(path + 1) + " open");
-    return 0;
+    if (n == nullptr) return 0;
+    const bool busy = n->busy > 0;
+    log_line(std::string(path + 1) + (busy ? " open EBUSY" : " open"));
+    return busy ? (--n->busy, -EBUSY) : 0;
 }
 
 // close() waits for the flush but not for the release, so the close is
@@ -166,7 +163,6 @@ int fs_ioctl(const char *path, unsigned int cmd, void *, struct fuse_file_info *
         log_line(name + (cmd == 0x40005008u ? " ENABLE" : " DISABLE"));
         return 0;
     default:
-        log_line(name + " ioctl " + std::to_string(cmd) + " ENOTTY");
         return -ENOTTY;
     }
 }

@@ -60,12 +60,10 @@ TEST_F(UsbAttach, AttachWritesSectionNamedFromModelThenDescriptionThenUsbAndNoti
         usbrig::clear_library_files();
         usbrig::control("reset\nlp0 " + c.control);
         usbrig::clear_events();
-        qpt::LogCapture log;
         ASSERT_EQ(0, QORAPrinterEnableExt(1, "lp0", "1-1"));
         EXPECT_EQ(std::string("[") + kId + "]\n\tproducer = Acme\n\tproduct name = " + c.product +
                       "\n\tmode = usbip\n" + (c.stringid.empty() ? "" : "\tusblp string id = " + c.stringid + "\n"),
                   qpt::read_file(kConf));
-        EXPECT_EQ(c.stringid.empty() ? 1u : 0u, log.count(LOG_ERR, "Bad parameter")) << log.dump();
         EXPECT_EQ(c.stringid.empty() ? 0u : 1u, usbrig::count_event("lp0 ENABLE"));
     }
     // Device ID read first, under the lock; the notice after the write.
@@ -97,7 +95,7 @@ TEST_F(UsbAttach, ReattachKeepsStoredSettingsAndSwitchesLprToUsbip) {
 }
 
 TEST_F(UsbAttach, RefusedCallsTouchNothing) {
-    struct Case { int action; const char *name, *bus; int rc; const char *message; };  // no message: bad argument
+    struct Case { int action; const char *name, *bus; int rc; const char *message; };  // no message: refused quietly
     const Case cases[] = {
         {1, "lp2", "1-1", 0, "Exceed the max number of printers supported."},  // only lp0 and lp1 are served
         {1, nullptr, "1-1", -1, nullptr},
@@ -107,10 +105,8 @@ TEST_F(UsbAttach, RefusedCallsTouchNothing) {
     for (const auto &c : cases) {
         SCOPED_TRACE(&c - cases);
         qpt::LogCapture log;
-        QLIBCErrSetEx(0, "", 0);
         EXPECT_EQ(c.rc, QORAPrinterEnableExt(c.action, c.name, c.bus));
-        if (c.message) { EXPECT_EQ(1u, log.count(LOG_ERR, c.message)) << log.dump(); }
-        if (!c.message) { EXPECT_EQ(ERR_BAD_PARAMETER, QLIBCErrGet()); }
+        EXPECT_EQ(c.message ? 1u : 0u, log.count(LOG_ERR, c.message ? c.message : "")) << log.dump();
     }
     EXPECT_EQ("lp1=\"1-2\"\n", qpt::read_file(kUsbtab));
     EXPECT_FALSE(qpt::exists(kConf));
@@ -140,14 +136,13 @@ TEST_F(UsbAttach, DetachByBusIdRemovesPrefixMatchesOfLpLinesOnly) {
 
 // A failed step stops what follows, but an unwritable share still lets the printer attach.
 TEST_F(UsbAttach, FailedStepStopsWhatFollows) {
-    struct Case { const char *blocked; int action; const char *name, *bus, *message, *outer; };
+    struct Case { const char *blocked; int action; const char *name, *bus, *message; };
     const Case cases[] = {
-        {nullptr, 1, "lp1", "2-1", "wrong printer id format! errno=0x[", "Set Printer Conf failed(0x"},
-        {kConf, 1, "lp0", "1-1", "setup printer.conf fail! (printerid: 04a9:1827:A1B2C3),[0x", "Set Printer Conf failed(0x"},
-        {kSmb, 1, "lp1", "1-2", "update smb.conf failed, printer=lp1", nullptr},
-        {kUsbtab, 5, "lp0", "1-1", "Set usbtab failed, devname=lp0, device=1-1",
-         "/tmp/usbtab update entry lp0=1-1 failed.(action=5)(0x"},
-        {kUsbtab, 0, "lp1", nullptr, "rm usbtab failed, key=lp1", "/tmp/usbtab update entry lp1="},
+        {nullptr, 1, "lp1", "2-1", "wrong printer id format! errno=0x["},
+        {kConf, 1, "lp0", "1-1", "setup printer.conf fail! (printerid: 04a9:1827:A1B2C3),[0x"},
+        {kSmb, 1, "lp1", "1-2", "update smb.conf failed, printer=lp1"},
+        {kUsbtab, 5, "lp0", "1-1", "Set usbtab failed, devname=lp0, device=1-1"},
+        {kUsbtab, 0, "lp1", nullptr, "rm usbtab failed, key=lp1"},
     };
     usbrig::add_device({.busid = "2-1", .serial = ""});  // no serial: no printer ID
     for (const auto &c : cases) {
@@ -158,7 +153,6 @@ TEST_F(UsbAttach, FailedStepStopsWhatFollows) {
         qpt::LogCapture log;
         EXPECT_EQ(-1, QORAPrinterEnableExt(c.action, c.name, c.bus));
         EXPECT_EQ(1u, log.count(LOG_ERR, c.message)) << log.dump();
-        if (c.outer) { EXPECT_EQ(1u, log.count(LOG_ERR, c.outer)); }
         if (c.blocked != kUsbtab) { EXPECT_EQ(std::string(c.name) + "=\"" + c.bus + "\"\n", qpt::read_file(kUsbtab)); }
         const bool shared = c.blocked == kSmb;  // only the share step comes after the section and the notice
         EXPECT_EQ(shared, !qpt::read_file(kConf).empty());
@@ -189,16 +183,9 @@ TEST_F(UsbAttach, MapLockHeldElsewhereFailsAfterFifteenSecondsWithoutWriting) {
     EXPECT_EQ(-1, QORAPrinterEnableExt(1, "lp0", "1-1"));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(14));
     EXPECT_EQ(ERR_LOCK_FAILED, QLIBCErrGet());
-    EXPECT_STREQ("printer_enable_ext.cpp", QLIBCErrorGetFile());
     EXPECT_EQ(1u, log.count(LOG_ERR, "QLIBCFileLock() failed.")) << log.dump();
     EXPECT_EQ(0, QLIBCFileUnlock(LOCK_USBIDMAP));
     EXPECT_FALSE(qpt::exists(kUsbtab) || qpt::exists(kConf));
-}
-
-Strings items(PQLIBSZLIST list) {
-    Strings out;
-    for (int i = 0; list && i < list->nItem; ++i) out.push_back(QLIBCSzListGet(list, i));
-    return out;
 }
 
 TEST_F(UsbAttach, OnlyPrintersWithAnIdAreListedUsbFirstAndAFailedSourceHandsOutNoList) {
@@ -214,7 +201,8 @@ TEST_F(UsbAttach, OnlyPrintersWithAnIdAreListedUsbFirstAndAFailedSourceHandsOutN
     PQLIBSZLIST list = QLIBCSzListAlloc(4);
     QLIBCSzListPush(&list, "old");  // the caller's old list is freed and replaced
     ASSERT_EQ(3, QORAPrinterEnumCount(3, &list));
-    EXPECT_EQ((Strings{"04a9:1827:A1B2C3", "03f0:002a:XZ9", "192.168.1.20-Office"}), items(list));
+    EXPECT_EQ((Strings{"04a9:1827:A1B2C3", "03f0:002a:XZ9", "192.168.1.20-Office"}),
+              Strings(list->pszItem, list->pszItem + list->nItem));
     ASSERT_EQ(0, QORAPrinterEnumCount(0, &list));
     EXPECT_EQ(2, QORAPrinterEnumCount(1, nullptr));
     // The ID enumeration appends to what the caller's list holds.
@@ -235,39 +223,24 @@ TEST_F(UsbAttach, OnlyPrintersWithAnIdAreListedUsbFirstAndAFailedSourceHandsOutN
     ASSERT_EQ(0, QORAPrinterUsbtabEnum(&names, &count));
     EXPECT_EQ(0, count);
     free(names);
-    EXPECT_EQ(-1, QORAPrinterUsbtabEnum(&names, nullptr));
-    EXPECT_EQ(ERR_BAD_PARAMETER, QLIBCErrGet());
 }
 
 // USB/IP operations against a recording stand-in of the USB/IP tool and status files written here.
-TEST_F(UsbAttach, UsbipToolGetsItsArgumentsOneByOne) {
+TEST_F(UsbAttach, UsbipToolGetsItsArgumentsOneByOneAndTheStatusFileItsBracketRewritten) {
     usbrig::install_bind_driver();
     EXPECT_EQ(0, QORAPrinterUsbipEject("1-1"));
     EXPECT_EQ(0, QORAPrinterUsbipLockRelease("04a9:1827:A B"));
     qpt::write_file("/tmp/bind_driver.status", "3\n");
-    qpt::LogCapture log;
     EXPECT_EQ(-1, QORAPrinterUsbipEject("1-1"));
     EXPECT_EQ(-1, QORAPrinterUsbipLockRelease("1-1"));
-    EXPECT_EQ(1u, log.count(LOG_ERR, "release usb ap lock failed, cmd=/usr/bin/bind_driver -p 1-1 -0 0 -n USBIP"))
-        << log.dump();
-    QLIBCErrSetEx(0, "", 0);
-    EXPECT_EQ(-1, QORAPrinterUsbipLockRelease(nullptr));  // quietly refused, the tool not run
+    EXPECT_EQ(-1, QORAPrinterUsbipLockRelease(nullptr));  // refused, the tool not run
     EXPECT_EQ(ERR_BAD_PARAMETER, QLIBCErrGet());
-    EXPECT_EQ(0u, log.count("Invaild Argument"));
     EXPECT_EQ("-z|1-1\n-p|04a9:1827:A B|-0|0|-n|USBIP\n-z|1-1\n-p|1-1|-0|0|-n|USBIP\n",
               qpt::read_file("/tmp/bind_driver.log"));
-}
 
-TEST_F(UsbAttach, UsbipStatusFileGivesLockAndQueueWithTheBracketGivingWayToCupsJobs) {
-    qpt::remove_file(kStatus);
+    // The status file gives lock and queue, the bracket giving way to "CUPS Jobs".
     char buf[128];
-    EXPECT_EQ(0, QORAPrinterUsbipGetLockStatus("1-1", buf, sizeof(buf)));
-    EXPECT_STREQ("Free", buf) << "no status file";
-    qpt::LogCapture log;
-    EXPECT_EQ(-1, QORAPrinterQueueGet("1-1", buf, sizeof(buf)));
-    EXPECT_EQ(1u, log.count(LOG_ERR, "get queue failed, printer=1-1"));
     EXPECT_EQ(-1, QORAPrinterQueueGet("1-1", buf, 0));
-    EXPECT_EQ(1u, log.count(LOG_ERR, "Invaild Argument (0 < cbBuf)=[0]")) << log.dump();
 
     struct Case { const char *value, *shown; bool message; };
     const Case cases[] = {
@@ -286,13 +259,6 @@ TEST_F(UsbAttach, UsbipStatusFileGivesLockAndQueueWithTheBracketGivingWayToCupsJ
     }
     EXPECT_EQ(0, QORAPrinterUsbipGetLockStatus("1-1", buf, 7));
     EXPECT_STREQ("Locked", buf);
-
-    // Even root's own status file is read only up to 64 KiB: past that, an error.
-    ASSERT_EQ(0, truncate(kStatus, 64 << 10));
-    EXPECT_EQ(0, QORAPrinterUsbipGetLockStatus("1-1", buf, sizeof(buf)));
-    ASSERT_EQ(0, truncate(kStatus, (64 << 10) + 1));
-    EXPECT_EQ(-1, QORAPrinterUsbipGetLockStatus("1-1", buf, sizeof(buf)));
-    EXPECT_EQ(ERR_READ_FAILED, QLIBCErrGet());
 }
 
 }  // namespace

@@ -13,14 +13,11 @@
 
 namespace usbrig {
 
-namespace {
-
-[[noreturn]] void die(const std::string &what) {
+// Set-up failures end the program at once, with the reason.
+static void die(const std::string &what) {
     fprintf(stderr, "usb rig: %s\n", what.c_str());
     abort();
 }
-
-}  // namespace
 
 void setup() {
     static bool started = false;
@@ -56,10 +53,7 @@ std::vector<std::string> events() {
 
 void clear_events() { qpt::write_file(kEventLog, ""); }
 
-size_t count_event(const std::string &line) {
-    const std::vector<std::string> all = events();
-    return static_cast<size_t>(std::count(all.begin(), all.end(), line));
-}
+size_t count_event(const std::string &line) { return std::ranges::count(events(), line); }
 
 void add_device(const Device &d) {
     const std::string dir = std::string(kSysfs) + "/" + d.busid;
@@ -73,13 +67,12 @@ void add_device(const Device &d) {
 
 void install_bind_driver() {
     qpt::write_file("/usr/bin/bind_driver", qpt::read_file(qpt::source_path("tests/usb/fake_bind_driver.sh")), 0755);
-    qpt::remove_file("/tmp/bind_driver.log");
-    qpt::remove_file("/tmp/bind_driver.status");
+    for (const char *f : {"/tmp/bind_driver.log", "/tmp/bind_driver.status"}) qpt::remove_file(f);
 }
 
 void clear_library_files() {
-    for (const char *f : {"/tmp/usbtab", "/usr/qora/etc/printer.conf", "/usr/qora/etc/nptab",
-                          "/etc/samba/smb.reserved.conf"})
+    for (const char *f :
+         {"/tmp/usbtab", "/usr/qora/etc/printer.conf", "/usr/qora/etc/nptab", "/etc/samba/smb.reserved.conf"})
         qpt::remove_file(f);
 }
 
