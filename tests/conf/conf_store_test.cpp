@@ -122,11 +122,7 @@ TEST_F(ConfStore, UnreadableFileIsNotOverwritten) {
         d[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH));
         if (syscall(SYS_capset, &h, d) != 0 || open(kConf, O_RDONLY) >= 0) return 11;
         PrinterConf c = record("p", "new");
-        qpt::LogCapture log;
         if (QORAPrinterConfSetup(&c, 0) >= 0) return 20;
-        char text[64];
-        snprintf(text, sizeof text, "QLIBCFileAddSection failed.(0x%04X)", QLIBCErrGet());
-        if (log.count(3, text) != 1) return 21;
         return QORAPrinterPrinterConfUnlock(QORAPrinterPrinterConfLock()) == 1 ? 0 : 22;
     }());
     int status = -1;

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <latch>
 #include <string>
 #include <thread>
 #include <vector>
@@ -142,24 +143,30 @@ TEST(SectionFile, SetSectionAndValueChangeOnlyThatSection) {
     QLIBCSzHashFree(h);
 }
 
+// Writers in threads (each with its own lock descriptor) all start at once;
+// each round adds a key, so a lost rewrite shows whenever it happened.
 TEST(Rewrite, ConcurrentWritersLoseNothing) {
     const std::string f = scratch("concurrent") + "/printer.conf";
-    qpt::write_file(f, "[shared]\n\tk = 0\n");
-    constexpr int kWriters = 6, kRounds = 25;
-    std::vector<std::thread> writers;
-    Map want{{"k", "0"}};
-    for (int w = 0; w < kWriters; ++w) {
-        const std::string name = "writer" + std::to_string(w);
-        want[name] = std::to_string(kRounds - 1);
-        writers.emplace_back([&f, name] {
-            for (int r = 0; r < kRounds; ++r)
-                EXPECT_EQ(QLIBCFileSetSectionValue(f.c_str(), "shared", name.c_str(), std::to_string(r).c_str()), 0);
-        });
+    qpt::write_file(f, "[shared]\n");
+    constexpr int kWriters = 6, kKeys = 6 * 25;
+    Map want;
+    size_t size = 9;  // "[shared]\n", then "\tk12 = 1\n" a key
+    for (int k = 0; k < kKeys; ++k) {
+        want["k" + std::to_string(k)] = "1";
+        size += std::to_string(k).size() + 7;
     }
+    std::latch start(kWriters);
+    std::vector<std::thread> writers;
+    for (int w = 0; w < kWriters; ++w)
+        writers.emplace_back([&f, &start, w] {
+            start.arrive_and_wait();
+            for (int k = w; k < kKeys; k += kWriters)
+                EXPECT_EQ(QLIBCFileSetSectionValue(f.c_str(), "shared", ("k" + std::to_string(k)).c_str(), "1"), 0);
+        });
     for (auto &t : writers) t.join();
     // Nothing lost, torn or doubled.
-    EXPECT_EQ(section(f, "shared"), std::make_pair(kWriters + 1, want));
-    EXPECT_EQ(qpt::read_file(f).size(), 9 + 7 + kWriters * 14u);
+    EXPECT_EQ(section(f, "shared"), std::make_pair(kKeys, want));
+    EXPECT_EQ(qpt::read_file(f).size(), size);
 }
 
 // A writer killed at any moment leaves one whole version; the next writer
