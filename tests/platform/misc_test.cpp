@@ -1,15 +1,12 @@
 // Error slot, locks, secrets and USB devices.  The containers and string
 // helpers are exercised by every file test and by the callers' own tests.
-#include <string.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -33,120 +30,73 @@ TEST(ErrorSlot, EachThreadHasItsOwn) {
     EXPECT_EQ(QLIBCErrorGetLine(), 11);
 }
 
-// LockByFile answers at once; the named lock gives up after its limit.
-TEST(Locks, HeldByAnotherProcess) {
+// LockByFile answers at once; the named lock gives up after its limit.  A
+// lock conflicts with every other descriptor of its file, so this process
+// can stand for the other holder.
+TEST(Locks, HeldElsewhere) {
     const char *lock = "/run/qorasdk/lock/lock_printer";
     const unsigned int req = LOCK_USBIDMAP | LOCK_MODE_EX_WAIT;
-    int locked[2];
-    ASSERT_EQ(pipe(locked), 0);
-    pid_t pid = fork();
-    if (pid == 0) {
-        int fd = -1;  // the lock file's directories are created too
-        char ok = QLIBCFileLockByFile(lock, 1, &fd) == 1 && QLIBCFileLock(req, 1) == 0;
-        (void)!write(locked[1], &ok, 1);
-        pause();  // hold them until killed
-    }
-    char ok = 0;
-    const bool held = read(locked[0], &ok, 1) == 1 && ok == 1;
-    close(locked[0]);
-    close(locked[1]);
-    ASSERT_TRUE(held);
-    int fd = -1, other = -1;
-    EXPECT_EQ(QLIBCFileLockByFile(lock, 1, &fd), 0);
-    EXPECT_EQ(fd, -1);
+    int fd = -1, other = -1;  // the lock file's directories are created too
+    ASSERT_EQ(QLIBCFileLockByFile(lock, 1, &fd), 1);
+    ASSERT_EQ(QLIBCFileLock(req, 1), 0);
+    EXPECT_EQ(QLIBCFileLockByFile(lock, 1, &other), 0);
+    EXPECT_EQ(other, -1);
     const double t0 = now_s();
     QLIBCErrSetEx(0, "", 0);
     EXPECT_NE(QLIBCFileLock(req, 1), 0);
     EXPECT_GE(now_s() - t0, 0.95);
     EXPECT_EQ(QLIBCErrGet(), ERR_LOCK_FAILED);
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
 
-    // Both are free again once their holder died.
+    // Both are free again once let go.
+    close(fd);
+    EXPECT_EQ(QLIBCFileUnlock(LOCK_USBIDMAP), 0);
     ASSERT_EQ(QLIBCFileLockByFile(lock, 1, &fd), 1);
-    EXPECT_EQ(QLIBCFileLockByFile(lock, 1, &other), 0);  // held by this process's own descriptor
     close(fd);
     ASSERT_EQ(QLIBCFileLock(req, 1), 0);
     EXPECT_EQ(QLIBCFileUnlock(LOCK_USBIDMAP), 0);
     EXPECT_NE(QLIBCFileUnlock(LOCK_USBIDMAP), 0);  // not held any more
 }
 
-TEST(Crypt, RoundTripTamperingAndSizes) {
+// Secrets are sealed under a name (the library's only use); changed stored
+// text and another name are refused.  The key is made 0600; a key file others
+// may read, or that root does not own, is refused and kept.
+TEST(Crypt, NamedSealingAndKeyFile) {
     if (!qpt::in_sandbox()) GTEST_SKIP() << "creates the appliance key";
-    const char *key = "/usr/qora/etc/.qoracrypt.key";
+    const char *key = "/usr/qora/etc/.qoracrypt.key", *name = "google pass";
     qpt::remove_file(key);
-    // Creators racing for the first key end up sharing one.
-    char a[512], b[512], plain[512], sealed[4][512] = {};
-    std::vector<std::thread> creators;
-    for (int i = 0; i < 4; ++i)
-        creators.emplace_back([&sealed, i] { QLIBCCryptSzEncrypt(("secret" + std::to_string(i)).c_str(), sealed[i], 512); });
-    for (auto &t : creators) t.join();
-    for (int i = 0; i < 4; ++i) {
-        plain[0] = 0;
-        QLIBCCryptSzDecrypt(sealed[i], plain, sizeof plain);
-        EXPECT_EQ(std::string(plain), "secret" + std::to_string(i));
-    }
+    char a[512], b[512], plain[512];
+    ASSERT_NE(QLIBCCryptSzEncryptNamed(name, "pw", a, sizeof a), 0);
     struct stat st {};
     EXPECT_EQ(stat(key, &st) == 0 ? st.st_mode & 07777 : 0, 0600u);
-
-    // A fresh nonce each time; changed or cut stored text, a secret that does
-    // not fit, and a value sealed under another name are refused.
-    const std::string secret(255, 'p');
-    ASSERT_NE(QLIBCCryptSzEncrypt(secret.c_str(), a, sizeof a), 0);
-    ASSERT_NE(QLIBCCryptSzEncrypt(secret.c_str(), b, sizeof b), 0);
-    EXPECT_TRUE(strlen(a) == 394u && strcmp(a, b) != 0) << a;
-    ASSERT_NE(QLIBCCryptSzDecrypt(a, plain, sizeof plain), 0);
-    EXPECT_EQ(std::string(plain), secret);
     std::string tampered = a;
-    tampered[200] = tampered[200] == 'A' ? 'B' : 'A';
-    for (const auto &[stored, size] : {std::pair{tampered, 512}, {std::string(a, 60), 512}, {std::string(a), 255}})
-        EXPECT_EQ(QLIBCCryptSzDecrypt(stored.c_str(), plain, size), 0) << stored.size() << " " << size;
-    EXPECT_EQ(QLIBCCryptSzEncrypt(secret.c_str(), b, 394), 0);
-    ASSERT_NE(QLIBCCryptSzEncryptNamed("google pass", "pw", a, sizeof a), 0);
-    EXPECT_EQ(QLIBCCryptSzDecryptNamed("refresh token", a, plain, sizeof plain) + QLIBCCryptSzDecrypt(a, plain, 512), 0);
-    ASSERT_NE(QLIBCCryptSzDecryptNamed("google pass", a, plain, sizeof plain), 0);
+    tampered[20] = tampered[20] == 'A' ? 'B' : 'A';
+    EXPECT_EQ(QLIBCCryptSzDecryptNamed(name, tampered.c_str(), plain, sizeof plain), 0);
+    EXPECT_EQ(QLIBCCryptSzDecryptNamed("refresh token", a, plain, sizeof plain), 0);
+    ASSERT_NE(QLIBCCryptSzDecryptNamed(name, a, plain, sizeof plain), 0);
     EXPECT_STREQ(plain, "pw");
-    // A key file others may read, or that root does not own, is refused and kept.
     const std::string key_bytes = qpt::read_file(key);
     for (auto [mode, owner] : {std::pair{0640, 0}, {0600, 65534}}) {
         ASSERT_EQ(chmod(key, mode) | chown(key, owner, 0), 0);
-        EXPECT_EQ(QLIBCCryptSzDecryptNamed("google pass", a, plain, sizeof plain), 0) << mode << " " << owner;
-        EXPECT_EQ(QLIBCCryptSzEncrypt("x", b, sizeof b), 0);
+        EXPECT_EQ(QLIBCCryptSzDecryptNamed(name, a, plain, sizeof plain), 0) << mode << " " << owner;
+        EXPECT_EQ(QLIBCCryptSzEncryptNamed(name, "x", b, sizeof b), 0);
         EXPECT_EQ(qpt::read_file(key), key_bytes);
         ASSERT_EQ(chmod(key, 0600) | chown(key, 0, 0), 0);
     }
 }
 
-// Listing and records of devices (the callers' tests cover types, order and
-// printer IDs): the size protocol, fields cut to fit, unusable bus IDs.
-TEST(Usb, EnumAndInfoFromUsbtabAndSysfs) {
+// Device records (the library's tests cover their fields, listing and
+// types): a long field is cut to fit; a bus ID without a device directory,
+// "..", or a device not in usbtab is refused.
+TEST(Usb, InfoFromUsbtabAndSysfs) {
     if (!qpt::in_sandbox()) GTEST_SKIP() << "mounts over the USB sysfs";
-    // Fake devices on a tmpfs of this test's own mount namespace.
+    // A fake device on a tmpfs of this test's own mount namespace.
     const std::string devices = "/sys/bus/usb/devices/";
     ASSERT_EQ(mount("tmpfs", qpt::exists(devices) ? devices.c_str() : "/sys/bus", "tmpfs", 0, "mode=0755"), 0);
-    for (auto [file, value] : {std::pair<std::string, std::string>{"idVendor", "04a9"}, {"idProduct", "1827"},
-                               {"serial", "A1B2C3"}, {"busnum", "3"}, {"devnum", "17"},
-                               {"manufacturer", std::string(200, 'M')}, {"1-1.2:1.0/bInterfaceClass", "07"}})
-        qpt::write_file(devices + "1-1.2/" + file, value + "\n");
+    qpt::write_file(devices + "1-1.2/manufacturer", std::string(200, 'M') + "\n");
     qpt::write_file("/tmp/usbtab", "lp2=\"9-9\"\nlp3=\"..\"\nlp0=\"1-1.2\"");
-
-    int need = -1;
-    ASSERT_EQ(QORAUSBDevEnum(QORAUSB_TYPE_PRINTER, nullptr, 0, &need), 1);
-    EXPECT_EQ(need, static_cast<int>(2 * sizeof(char *) + 4));
-    std::vector<char> buf(static_cast<size_t>(need));
-    EXPECT_LT(QORAUSBDevEnum(QORAUSB_TYPE_PRINTER, buf.data(), need - 1, &need), 0);
-    ASSERT_EQ(QORAUSBDevEnum(QORAUSB_TYPE_PRINTER, buf.data(), need, &need), 1);
-    char **names = reinterpret_cast<char **>(buf.data());
-    EXPECT_TRUE(names[0] == std::string("lp0") && names[1] == nullptr);
-
     QORAUSB_DEV_INFO i;
     ASSERT_EQ(QORAUSBDevGetInfo("lp0", &i), 0);
-    char s[600];
-    snprintf(s, sizeof s, "%s type=%x %04lx:%04lx serial=%s id=%s bus=%s %u/%u maker=%zu", i.szDevName, i.ucType,
-             i.ulVendorId, i.ulProductId, i.szSerial, i.szPrinterId, i.szBusId, i.ucBusNum, i.ucDevNum,
-             strnlen(i.szManufacturer, sizeof i.szManufacturer));
-    EXPECT_EQ(std::string(s), "lp0 type=8 04a9:1827 serial=A1B2C3 id=04a9:1827:A1B2C3 bus=1-1.2 3/17 maker=127");
-    // A bus ID without a directory, "..", or a device not in usbtab.
+    EXPECT_EQ(std::string(i.szBusId) + " " + i.szManufacturer, "1-1.2 " + std::string(127, 'M'));
     for (const char *dev : {"lp2", "lp3", "lp9"}) {
         QLIBCErrSetEx(0, "", 0);
         EXPECT_LT(QORAUSBDevGetInfo(dev, &i), 0) << dev;
