@@ -1,24 +1,14 @@
 // Discovery by the real BJNP backend and by the real avahi-browse, against
 // a simulated BJNP printer and avahi announcements in the printer namespace;
 // recorded listings for the lines real peers never print.
-#include <gtest/gtest.h>
-#include <string.h>
-#include <syslog.h>
-
-#include <string>
-#include <vector>
-
 #include "net_lab.hpp"
-#include "qoraprinter.h"
-#include "qp_test.hpp"
 
 namespace {
 
 ::testing::Environment *const kLab = ::testing::AddGlobalTestEnvironment(new qpnet::LabUp({"bjnp", "avahi"}));
 
 PrinterNetInfo caller_info() {
-    PrinterNetInfo info;
-    memset(&info, 0, sizeof info);
+    PrinterNetInfo info = {};
     strcpy(info.szReserved, "mine");
     strcpy(info.szQName, "mine");
     return info;

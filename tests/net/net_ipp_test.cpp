@@ -2,19 +2,11 @@
 // Everywhere printer of netlab.sh (ippeveprinter at 10.123.0.8) from what it
 // says over IPP, the library prints through the real scheduler and filters,
 // and the printer's spool shows what arrived.  Also the printer's status.
-#include <gtest/gtest.h>
-#include <stdio.h>
 #include <unistd.h>
-
-#include <algorithm>
 #include <filesystem>
-#include <string>
-#include <vector>
 
 #include "cupsd_fixture.hpp"
 #include "net_lab.hpp"
-#include "qoraprinter.h"
-#include "qp_test.hpp"
 
 namespace {
 
@@ -50,15 +42,14 @@ std::string submit(const char *file, const char *title) {
     return "";
 }
 
-qpcups::Cupsd *const g_cupsd = new qpcups::Cupsd;
+qpcups::Cupsd g_cupsd;  // stopped at exit
 
 struct Lab : qpnet::LabUp {
     Lab() : LabUp({"ipp"}) {}
     void SetUp() override {
         LabUp::SetUp();
-        ASSERT_TRUE(g_cupsd->start());
+        ASSERT_TRUE(g_cupsd.start());
     }
-    void TearDown() override { delete g_cupsd; }
 };
 ::testing::Environment *const kLab = ::testing::AddGlobalTestEnvironment(new Lab);
 
@@ -66,9 +57,7 @@ struct Lab : qpnet::LabUp {
 // naming what is missing, and nothing registered.
 TEST(Driverless, RefusesWhatIsNotIppEverywhere) {
     const struct { const char *address; int status; const char *err; } rows[] = {
-        {"10.123.0.2", 3, "no IPP Everywhere printer: it takes none of the driverless formats image/pwg-raster, "
-                          "image/urf, application/PCLm, application/pdf (it takes: application/octet-stream, "
-                          "application/postscript)"},
+        {"10.123.0.2", 3, "no IPP Everywhere printer: it takes none of the driverless formats"},
         {"10.123.0.3", 3, "10.123.0.3 does not speak IPP: no IPP answer from ipp://10.123.0.3/ipp/print"},
         {"-T", 1, "'-T' is no IPv4 address or host name"},
     };
@@ -161,11 +150,6 @@ TEST(NetStatus, StateReasonsAndSupplies) {
         EXPECT_EQ(res.status, r.status) << r.address << res.err;
         EXPECT_NE(res.out.find(r.out), std::string::npos) << res.out;
     }
-    // Without ipptool there is no answer either way: a failure, not a "no".
-    qpnet::StandIn ipptool("/usr/bin/ipptool");
-    const auto gone = cli({"net", "status", kEve});
-    EXPECT_EQ(gone.status, 1);
-    EXPECT_NE(gone.err.find("/usr/bin/ipptool: No such file or directory"), std::string::npos) << gone.err;
 }
 
 }  // namespace

@@ -1,18 +1,22 @@
-// Helpers shared by the network printer tests: the simulated printers of
-// netlab.sh, stand-ins for the network tools, and reads interrupted by a signal.
+// What the network printer tests share (and include): the simulated printers
+// of netlab.sh, stand-ins for the network tools, and reads interrupted by a signal.
 #pragma once
 
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/time.h>
+#include <syslog.h>
 
 #include <algorithm>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "qoraprinter.h"
 #include "qp_test.hpp"
 
 namespace qpnet {

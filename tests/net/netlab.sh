@@ -47,8 +47,7 @@ net_up() {
     [ -e /run/netns/$NS ] && return 0
     mkdir -p $LAB
     ip netns add $NS
-    ip link add veth-c type veth peer name veth-p
-    ip link set veth-p netns $NS
+    ip link add veth-c type veth peer name veth-p netns $NS
     ip addr add 10.123.0.1/24 brd + dev veth-c
     ip link set veth-c up
     ip -n $NS link set lo up
