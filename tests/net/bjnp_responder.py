@@ -20,13 +20,11 @@ payloads = {
     0x30: struct.pack(">H", len(device_id) + 2) + device_id,
 }
 sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
 sock.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
 sock.bind(("", 8611))  # the discovery comes as a broadcast
 while True:
     request, peer = sock.recvfrom(2048)
     if len(request) < 16 or request[:5] != b"BJNP\x01" or request[5] not in payloads:
         continue
-    print(f"request {request[5]:#04x} from {peer[0]}", file=sys.stderr, flush=True)
     payload = payloads[request[5]]
     sock.sendto(b"BJNP\x81" + bytes([request[5], 0, 0]) + request[8:12] + struct.pack(">I", len(payload)) + payload, peer)

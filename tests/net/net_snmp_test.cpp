@@ -1,16 +1,6 @@
 // SNMP identification against real snmpd agents walked by the real snmpwalk,
 // and recorded walks (a stand-in snmpwalk) for the device URI forms.
-#include <errno.h>
-#include <gtest/gtest.h>
-#include <string.h>
-#include <syslog.h>
-
-#include <string>
-#include <vector>
-
 #include "net_lab.hpp"
-#include "qoraprinter.h"
-#include "qp_test.hpp"
 
 namespace {
 
@@ -48,17 +38,11 @@ TEST(SnmpAgent, IdentifiesWhatTheAgentHolds) {
 TEST(SnmpAgent, OddValues) {
     // Hex-STRING, an empty string and a value broken by a newline don't
     // qualify; a quoted value with escaped quotes naming both keys does, and
-    // comes back as printed, backslashes included.
+    // comes back as printed, backslashes included.  (Its ipps device URI is
+    // a recorded row below.)
     char id[1024];
     ASSERT_EQ(QORAPrinterNetGetStringId("10.123.0.5", id, sizeof id), 0);
     EXPECT_STREQ(id, "say \\\"MFG:Q;MDL:Q\\\" twice");
-
-    qpt::LogCapture log;
-    char backend[16] = "untouched", queue[16] = "untouched";
-    EXPECT_EQ(QORAPrinterNetGetStringBackend("10.123.0.5", backend, sizeof backend, queue, sizeof queue), -1);
-    EXPECT_STREQ(backend, "untouched");  // ipps is no backend of ours
-    EXPECT_STREQ(queue, "untouched");
-    EXPECT_EQ(log.count(LOG_ERR, "Fetch network printer protocol and queue name error."), 1u);
 
     // The big agent's device ID is among its first objects.
     ASSERT_EQ(QORAPrinterNetGetStringId("10.123.0.6", id, sizeof id), 0);
@@ -96,12 +80,7 @@ TEST(RecordedWalk, DeviceUriForms) {
         EXPECT_STREQ(backend, row.backend) << row.walk;
         EXPECT_STREQ(queue, row.queue) << row.walk;
     }
-    EXPECT_EQ(log.count(LOG_ERR, "Failed to QLIBCStrTok["), 1u) << log.dump();
-    // The URI without a colon fails in the tokeniser, and the message names
-    // the tokeniser's place, not the query's.
-    EXPECT_EQ(log.count(LOG_ERR, "Failed to QLIBCStrTok[0x0D00 "), 1u) << log.dump();
-    EXPECT_EQ(log.count(LOG_ERR, "Failed to QLIBCStrTok[0x0D00 printer_net_get_string_backend.cpp:"), 0u);
-    EXPECT_EQ(log.count(LOG_ERR, "Fetch network printer protocol and queue name error."), 2u);
+    EXPECT_EQ(log.count(LOG_ERR, "Fetch network printer protocol and queue name error."), 2u) << log.dump();
     EXPECT_EQ(qpt::open_fd_count(), fds);  // every pipe closed, on every path
 }
 

@@ -32,28 +32,26 @@ export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket
 
 [ "${QP_SANDBOX:-}" = 1 ] || { echo "netlab.sh: run me inside qp-sandbox" >&2; exit 2; }
 
-log() { echo "netlab: $*" >&2; }
-
+# Polls the command (an exported function will do) for up to the given seconds.
 wait_for() {  # seconds, command...
-    local n=$(( $1 * 20 )); shift
-    while ! "$@" >/dev/null 2>&1; do
-        n=$((n - 1))
-        [ $n -gt 0 ] || return 1
-        sleep 0.05
-    done
+    timeout "$1" bash -c 'until "$@" >/dev/null 2>&1; do sleep 0.05; done' wait_for "${@:2}"
 }
+# Something in the printers' namespace listens (ss filter, e.g. "src ADDR:PORT").
+listening() {
+    ip netns exec $NS ss -Hltun "$@" | grep -q .
+}
+export NS
+export -f wait_for listening
 
 net_up() {
     [ -e /run/netns/$NS ] && return 0
     mkdir -p $LAB
     ip netns add $NS
-    ip link add veth-c type veth peer name veth-p
-    ip link set veth-p netns $NS
+    ip link add veth-c type veth peer name veth-p netns $NS
     ip addr add 10.123.0.1/24 brd + dev veth-c
     ip link set veth-c up
     ip -n $NS link set lo up
-    ip -n $NS addr add 10.123.0.2/24 brd + dev veth-p
-    for a in 3 4 5 6 7; do ip -n $NS addr add 10.123.0.$a/24 brd + dev veth-p; done
+    for a in 2 3 4 5 6 7; do ip -n $NS addr add 10.123.0.$a/24 brd + dev veth-p; done
     ip -n $NS link set veth-p up
     wait_for 5 ping -c 1 -W 1 10.123.0.2
 }
@@ -64,23 +62,20 @@ snmp_up() {
     printf 'mibdirs %s\nmibs SNMPv2-SMI\n' "$HERE/mibs" > /etc/snmp/snmp.conf
     seq 9997 | sed 's/.*/override .1.3.6.1.4.1.2699.1.2.1.9.1.& octet_str "object number & of the big agent"/' \
         > $LAB/snmpd-big.conf
-    local a
     for a in 2 3 4 5 6 7; do
         ip netns exec $NS /usr/sbin/snmpd -f -C -I -smux -Lf /dev/null -p $LAB/snmpd-$a.pid \
             -c "$HERE/lab/snmpd-common.conf,$HERE/lab/snmpd-10.123.0.$a.conf" "udp:10.123.0.$a:161" \
             </dev/null >/dev/null 2>&1 &
     done
     for a in 2 3 4 5 6 7; do
-        wait_for 10 sh -c "ip netns exec $NS ss -Hlun 'src 10.123.0.$a:161' | grep -q ." \
-            || { log "snmpd on 10.123.0.$a did not come up"; return 1; }
+        wait_for 10 listening "src 10.123.0.$a:161" || { echo "netlab.sh: no snmpd on 10.123.0.$a" >&2; return 1; }
     done
 }
 
 bjnp_up() {
     ip netns exec $NS /usr/bin/python3 "$HERE/bjnp_responder.py" 10.123.0.2 "MFG:ACME;CMD:BJL,NCCe;MDL:X1;CLS:PRINTER;DES:ACME X1;" \
         </dev/null >$LAB/bjnp.log 2>&1 &
-    echo $! > $LAB/bjnp.pid
-    wait_for 5 sh -c "ip netns exec $NS ss -Hlun 'sport = :8611' | grep -q ."
+    wait_for 5 listening "sport = :8611"
 }
 
 # The printers' mDNS side: a D-Bus and an avahi-daemon of their own in a
@@ -89,15 +84,16 @@ bjnp_up() {
 # under another name so that the client's check for a running
 # "avahi-daemon" does not see it.
 avahi_up() {
+    avahi_client_up
     ln -sf /usr/sbin/avahi-daemon $LAB/qp-prn-avahid
     ip netns exec $NS /bin/bash -ec "
         mount -t tmpfs tmpfs /run
         mount --bind $HERE/lab/avahi /etc/avahi
         mkdir -p /run/dbus /run/avahi-daemon
         dbus-daemon --system --fork
-        for i in \$(seq 100); do [ -S /run/dbus/system_bus_socket ] && break; sleep 0.05; done
+        wait_for 5 test -S /run/dbus/system_bus_socket
         $LAB/qp-prn-avahid --no-drop-root --no-chroot --no-rlimits -D
-        for i in \$(seq 100); do [ -S /run/avahi-daemon/socket ] && break; sleep 0.05; done
+        wait_for 5 test -S /run/avahi-daemon/socket
         cat /run/avahi-daemon/pid > $LAB/avahi-prn.pid"
 }
 
@@ -113,23 +109,21 @@ ipp_start() {  # tag host v4 v6 options...
     shift 4
     if [ -s $LAB/ipp-$tag.pid ]; then  # a restart
         kill "$(cat $LAB/ipp-$tag.pid)"
-        wait_for 5 sh -c "! ip netns exec $NS ss -Hltn 'src $v4:631' | grep -q ."
+        wait_for 5 bash -c "! listening 'src $v4:631'"
     else
         ip -n $NS addr add $v6/64 dev veth-p nodad
         printf '%s %s\n%s %s\n' $v4 $host $v6 $host >> /etc/hosts
     fi
     mkdir -p $LAB/$tag
-    DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket \
-        nsenter -t "$(cat $LAB/avahi-prn.pid)" -m -n -r -w /usr/sbin/ippeveprinter -p 631 -n $host -r off \
+    nsenter -t "$(cat $LAB/avahi-prn.pid)" -m -n -r -w /usr/sbin/ippeveprinter -p 631 -n $host -r off \
         -d $LAB/$tag -k "$@" </dev/null >$LAB/ipp-$tag.log 2>&1 &
     echo $! > $LAB/ipp-$tag.pid
-    wait_for 5 sh -c "ip netns exec $NS ss -Hltn 'src $v4:631' | grep -q ." \
-        || { log "ippeveprinter $tag did not come up: $(cat $LAB/ipp-$tag.log)"; return 1; }
+    wait_for 5 listening "src $v4:631" || { echo "ippeveprinter $tag did not come up: $(cat $LAB/ipp-$tag.log)" >&2; return 1; }
 }
 
 ipp_up() {
     [ -s $LAB/ipp-eve.pid ] && return 0
-    [ -s $LAB/avahi-prn.pid ] || { avahi_client_up; avahi_up; }
+    [ -s $LAB/avahi-prn.pid ] || avahi_up
     ip -n $NS addr add 10.123.0.8/24 dev veth-p
     # Each document is taken at once (/bin/true), not after the simulated
     # 5-15 s of printing ippeveprinter spends without a command.
@@ -141,34 +135,23 @@ ipp_up() {
 # library starts the service.
 avahi_client_up() {
     mkdir -p /run/dbus /etc/avahi /usr/qora/sbin
-    if [ ! -S /run/dbus/system_bus_socket ]; then
-        dbus-daemon --system --fork
-        wait_for 5 test -S /run/dbus/system_bus_socket
-    fi
+    [ -S /run/dbus/system_bus_socket ] || dbus-daemon --system --fork
+    wait_for 5 test -S /run/dbus/system_bus_socket
     cp "$HERE/lab/avahi-client.conf" /etc/avahi/avahi-daemon.conf
     [ -e /usr/qora/sbin/avahi-browse ] || ln -s /usr/bin/avahi-browse /usr/qora/sbin/avahi-browse
 }
 
-case "${1:-}" in
-up)
-    shift
-    net_up
-    for c in "$@"; do
-        case $c in
-        snmp) snmp_up ;;
-        bjnp) bjnp_up ;;
-        avahi) avahi_client_up; avahi_up ;;
-        ipp) ipp_up ;;
-        *) log "unknown component $c"; exit 2 ;;
-        esac
-    done
-    ;;
-ipp)
+if [ "${1:-}" = ipp ]; then
     shift
     ipp_start eve qp-eve.local 10.123.0.8 fd00:123::8 "$@" "ACME Eve"
-    ;;
-*)
-    echo "usage: netlab.sh up [snmp] [bjnp] [avahi] [ipp] | ipp OPTION..." >&2
-    exit 2
-    ;;
-esac
+    exit
+fi
+[ "${1:-}" = up ] || { echo "usage: netlab.sh up [snmp] [bjnp] [avahi] [ipp] | ipp OPTION..." >&2; exit 2; }
+shift
+net_up
+for c in "$@"; do
+    case $c in
+    snmp | bjnp | avahi | ipp) "${c}_up" ;;
+    *) echo "netlab.sh: unknown component $c" >&2; exit 2 ;;
+    esac
+done
