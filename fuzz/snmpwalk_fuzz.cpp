@@ -24,45 +24,42 @@ struct Read {
     std::string value;
 };
 
-Read string_id(const std::string &walk, size_t cb) {
+// Runs READ (one of the walk readers) over WALK into a guarded buffer of CB
+// bytes, with the checks both readers share: a known result, the buffer left
+// alone unless a value was found, and a value that ends inside the buffer.
+template <class Reader>
+Read run(Reader read, const std::string &walk, size_t cb) {
     FILE *f = stream(walk);
     check(f != nullptr);
     char *buf = guarded(cb);
-    const int rc = qp::net::string_id_read(f, buf, static_cast<int>(cb));
+    const int rc = read(f, buf, static_cast<int>(cb));
     std::fclose(f);
     check(rc == -1 || rc == 0 || rc == 1);
-    check((rc == 1) == walk.empty());
     if (rc != 0) {
         check(untouched(buf, cb));
         return {rc, ""};
     }
     const size_t n = ::strnlen(buf, cb);
     check(n < cb);
-    const std::string value(buf, n);
-    check(contains(walk, "STRING: \"" + value));
-    return {rc, value};
+    return {rc, std::string(buf, n)};
+}
+
+Read string_id(const std::string &walk, size_t cb) {
+    const Read r = run(qp::net::string_id_read, walk, cb);
+    check((r.rc == 1) == walk.empty());
+    if (r.rc == 0) check(contains(walk, "STRING: \"" + r.value));
+    return r;
 }
 
 Read uri(const std::string &walk, size_t cb) {
-    FILE *f = stream(walk);
-    check(f != nullptr);
-    char *buf = guarded(cb);
-    const int rc = qp::net::uri_read(f, buf, static_cast<int>(cb));
-    std::fclose(f);
-    check(rc == -1 || rc == 0 || rc == 1);
-    if (rc != 0) {
-        check(untouched(buf, cb));
-        return {rc, ""};
-    }
-    const size_t n = ::strnlen(buf, cb);
-    check(n < cb);
-    const std::string value(buf, n);
-    check(contains(walk, "\"" + value));
+    const Read r = run(qp::net::uri_read, walk, cb);
+    if (r.rc != 0) return r;
+    check(contains(walk, "\"" + r.value));
     bool known = false;
     for (const char *scheme : {"LPR", "lpd", "ipp", "socket", "bjnp"})
-        known = known || ::strncasecmp(value.c_str(), scheme, std::min(n, ::strlen(scheme))) == 0;
+        known = known || ::strncasecmp(r.value.c_str(), scheme, std::min(r.value.size(), ::strlen(scheme))) == 0;
     check(known);
-    return {rc, value};
+    return r;
 }
 
 // The split of a URI (NUL-free, shorter than a line) into backend and queue.

@@ -61,6 +61,9 @@ void begin_call();
 // library's log lines of the call and the first stderr line of a failed
 // tool, and returns kFailed.
 int fail(std::string_view what);
+// Prints the queue name stored for PRINTER (with --json, the printer and the
+// queue); fail(what) when none can be read.
+int print_queue_name(const std::string &printer, std::string_view what);
 // 0 for a zero result, else fail(what).
 int done(int rc, const char *what);
 // Prints "qoraprinter: TEXT" (a sentence) on stderr and returns status.

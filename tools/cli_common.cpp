@@ -10,6 +10,7 @@
 
 #include "cli.hpp"
 #include "qoracore.h"
+#include "qoraprinter.h"
 
 namespace qpcli {
 
@@ -285,5 +286,15 @@ Json &Json::null(std::string_view k) {
 }
 
 void Json::print() { std::printf("%s\n", out_.c_str()); }
+
+int print_queue_name(const std::string &printer, std::string_view what) {
+    char name[128] = {};
+    if (QORAPrinterCupsNameGet(printer.c_str(), name, sizeof name) != 0) return fail(what);
+    if (json())
+        Json().open().field("printer", printer).field("queue", name).close().print();
+    else
+        std::printf("%s\n", name);
+    return kOk;
+}
 
 }  // namespace qpcli

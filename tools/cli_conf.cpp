@@ -152,14 +152,8 @@ int conf_set(const qpcli::Args &args) {
 
 int conf_cups_name(const qpcli::Args &a) {
     if (a.size() != 1) return qpcli::kBadArgs;
-    char buf[128] = {};
     begin_call();
-    if (QORAPrinterCupsNameGet(a[0].c_str(), buf, sizeof buf) != 0) return qpcli::fail("conf cups-name");
-    if (json())
-        qpcli::Json().open().field("printer", a[0]).field("queue", buf).close().print();
-    else
-        std::printf("%s\n", buf);
-    return qpcli::kOk;
+    return qpcli::print_queue_name(a[0], "conf cups-name");
 }
 
 int conf_detect(const qpcli::Args &a) {

@@ -25,13 +25,7 @@ int queue_add(const qpcli::Args &args) {
     if (a.size() != 1) return qpcli::kBadArgs;
     begin_call();
     if (QORAPrinterCupsAdd(a[0].c_str(), ppd.empty() ? nullptr : ppd.c_str()) != 0) return qpcli::fail("queue add");
-    char name[128] = {};
-    if (QORAPrinterCupsNameGet(a[0].c_str(), name, sizeof name) != 0) return qpcli::fail("queue add: reading the name");
-    if (json())
-        qpcli::Json().open().field("printer", a[0]).field("queue", name).close().print();
-    else
-        std::printf("%s\n", name);
-    return qpcli::kOk;
+    return qpcli::print_queue_name(a[0], "queue add: reading the name");
 }
 
 // A network printer's record from flags, or from its stored section.
