@@ -48,3 +48,21 @@ show_log() {
     fi
     echo "$size" >"$mark"
 }
+
+# What the simulated printers' daemons log is not the library's: skip it.
+skip_log() {
+    [ -f "$QP_DEMO_LOG" ] && stat -c %s "$QP_DEMO_LOG" >/run/qp-test/demo-log-offset
+    return 0
+}
+
+# Starts components of the printer network (tests/net/netlab.sh), or says so
+# and ends the step; avahi-browse and the avahi-daemon the library starts then
+# use this sandbox's bus.
+lab_up() {
+    if ! bash "$QP_SOURCE_DIR/tests/net/netlab.sh" up "$@"; then
+        say "The printer network could not be set up."
+        exit 1
+    fi
+    export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket
+    skip_log
+}

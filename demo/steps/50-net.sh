@@ -8,16 +8,8 @@ heading "Network printer"
 
 say "Setting up a small printer network inside the sandbox: this namespace is the"
 say "appliance (10.123.0.1); a second namespace holds the printers (10.123.0.2 ...)."
-if ! bash "$QP_SOURCE_DIR/tests/net/netlab.sh" up snmp bjnp avahi; then
-    say "The printer network could not be set up."
-    exit 1
-fi
-# avahi-browse and the avahi-daemon the library starts use this sandbox's bus.
-export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket
+lab_up snmp bjnp avahi
 ip=10.123.0.2
-# What the simulated printers' daemons log is not the library's: skip it.
-skip_log() { [ -f "$QP_DEMO_LOG" ] && stat -c %s "$QP_DEMO_LOG" >/run/qp-test/demo-log-offset; }
-skip_log
 
 say ""
 say "What the printer's SNMP agent holds (community tarvel, private-enterprise subtree):"

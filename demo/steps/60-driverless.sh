@@ -6,14 +6,8 @@
 
 heading "Driverless network printer"
 
-if ! bash "$QP_SOURCE_DIR/tests/net/netlab.sh" up ipp; then
-    say "The IPP printers could not be started."
-    exit 1
-fi
-export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket
+lab_up ipp
 ip=10.123.0.8
-skip_log() { [ -f "$QP_DEMO_LOG" ] && stat -c %s "$QP_DEMO_LOG" >/run/qp-test/demo-log-offset; }
-skip_log
 
 say "A printer at $ip announces itself by mDNS as an IPP printer, with its"
 say "make, model and page formats in the TXT record:"
